@@ -1,0 +1,67 @@
+// The inline-hook C API the library installs its hooks through. On a device the ShadowHook
+// library provides it; on a Linux host our own engine implements the same functions, modes and
+// error numbers, so the calling code is identical on both.
+#pragma once
+
+#include <stdbool.h>
+#include <stdint.h>
+
+#define SHADOWHOOK_ERRNO_OK 0
+#define SHADOWHOOK_ERRNO_PENDING 1
+#define SHADOWHOOK_ERRNO_UNINIT 2
+#define SHADOWHOOK_ERRNO_INVALID_ARG 3
+#define SHADOWHOOK_ERRNO_OOM 4
+#define SHADOWHOOK_ERRNO_MPROT 5
+#define SHADOWHOOK_ERRNO_WRITE_CRASH 6
+#define SHADOWHOOK_ERRNO_INIT_ERRNO 7
+#define SHADOWHOOK_ERRNO_INIT_SIGSEGV 8
+#define SHADOWHOOK_ERRNO_INIT_SIGBUS 9
+#define SHADOWHOOK_ERRNO_INIT_ENTER 10
+#define SHADOWHOOK_ERRNO_INIT_SAFE 11
+#define SHADOWHOOK_ERRNO_INIT_LINKER 12
+#define SHADOWHOOK_ERRNO_INIT_HUB 13
+#define SHADOWHOOK_ERRNO_HUB_CREAT 14
+#define SHADOWHOOK_ERRNO_MONITOR_DLOPEN 15
+#define SHADOWHOOK_ERRNO_MONITOR_THREAD 16
+#define SHADOWHOOK_ERRNO_HOOK_DLOPEN_CRASH 17
+#define SHADOWHOOK_ERRNO_HOOK_DLSYM 18
+#define SHADOWHOOK_ERRNO_HOOK_DLSYM_CRASH 19
+#define SHADOWHOOK_ERRNO_HOOK_DUP 20
+#define SHADOWHOOK_ERRNO_HOOK_DLADDR_CRASH 21
+#define SHADOWHOOK_ERRNO_HOOK_DLINFO 22
+#define SHADOWHOOK_ERRNO_HOOK_SYMSZ 23
+#define SHADOWHOOK_ERRNO_HOOK_ENTER 24
+#define SHADOWHOOK_ERRNO_HOOK_REWRITE_CRASH 25
+#define SHADOWHOOK_ERRNO_HOOK_REWRITE_FAILED 26
+#define SHADOWHOOK_ERRNO_UNHOOK_NOTFOUND 27
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef enum {
+    SHADOWHOOK_MODE_SHARED = 0,  // hooks of one address chain; the newest runs first
+    SHADOWHOOK_MODE_UNIQUE = 1   // a second hook of one address fails with HOOK_DUP
+} shadowhook_mode_t;
+
+// Initialises the engine once per process; later calls return the first call's result.
+int shadowhook_init(shadowhook_mode_t mode, bool debuggable);
+int shadowhook_get_init_errno(void);
+shadowhook_mode_t shadowhook_get_mode(void);
+bool shadowhook_get_debuggable(void);
+void shadowhook_set_debuggable(bool debuggable);
+
+// The result of this thread's last hook or unhook call, and a message for any error number.
+int shadowhook_get_errno(void);
+const char* shadowhook_to_errmsg(int error_number);
+
+// Replaces the function at `sym_addr` by `new_addr`. `*orig_addr` (optional) receives an entry
+// that runs the replaced function. Returns a stub for shadowhook_unhook, or null on error.
+void* shadowhook_hook_sym_addr(void* sym_addr, void* new_addr, void** orig_addr);
+void* shadowhook_hook_sym_name(const char* lib_name, const char* sym_name, void* new_addr,
+                               void** orig_addr);
+int shadowhook_unhook(void* stub);
+
+#ifdef __cplusplus
+}
+#endif

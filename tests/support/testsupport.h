@@ -1,0 +1,99 @@
+// Helpers shared by the tests: temporary device trees, property files, log capture, child
+// processes and deadline waits. Tests use real parts; these only set the stage.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace corvanetest {
+
+// Directory of the built shared libraries (host stand-ins, the core library, samples).
+std::string LibDir();
+std::string BinDir();
+std::string SourceDir();
+
+// A temporary directory removed with everything below it when the object goes away.
+class TempDir {
+  public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return m_path; }
+    std::string operator/(const std::string& relative) const { return m_path + "/" + relative; }
+
+  private:
+    std::string m_path;
+};
+
+// A device-shaped tree in a temporary directory. While it lives, CORVANE_SYSROOT points at it and
+// CORVANE_PROP_FILE at its property file; both are restored afterwards.
+class TestSysroot {
+  public:
+    TestSysroot();
+    ~TestSysroot();
+    const std::string& path() const { return m_dir.path(); }
+    std::string operator/(const std::string& relative) const { return m_dir / relative; }
+    // Copies a built library (file name in LibDir()) into vendor/lib64 under `as` (or its name).
+    void InstallLibrary(const std::string& fileName, const std::string& as = "");
+    void SetProperty(const std::string& name, const std::string& value);
+    void ClearProperties();
+    void WriteFile(const std::string& relative, const std::string& content);
+    std::string ReadFile(const std::string& relative) const;
+    bool Exists(const std::string& relative) const;
+    std::string propertyFile() const { return m_dir / "corvane.prop"; }
+
+  private:
+    void WriteProperties();
+    TempDir m_dir;
+    std::vector<std::pair<std::string, std::string>> m_properties;
+    std::string m_oldSysroot, m_oldPropFile, m_oldCwd;
+    bool m_hadSysroot = false, m_hadPropFile = false;
+};
+
+// Changes the working directory for its lifetime (the camera service runs in "/").
+class ScopedChdir {
+  public:
+    explicit ScopedChdir(const std::string& dir);
+    ~ScopedChdir();
+
+  private:
+    std::string m_old;
+};
+
+struct LogLine {
+    int priority;
+    std::string tag;
+    std::string message;
+};
+
+// Captures every line written through the Android log while it lives, at every priority.
+class LogCapture {
+  public:
+    LogCapture();
+    ~LogCapture();
+    std::vector<LogLine> Lines() const;
+    // Number of lines whose message contains `text` (and whose tag is `tag` when given).
+    int Count(const std::string& text, const std::string& tag = "") const;
+    bool Contains(const std::string& text, const std::string& tag = "") const {
+        return Count(text, tag) > 0;
+    }
+    std::string Dump() const;
+};
+
+// Runs `body` in a forked child and returns its wait status. Use for behaviour fixed once per
+// process (cached properties, switches decided at first use). The child's result is body()'s.
+int RunInChild(const std::function<int()>& body);
+// Convenience: true when the child exited normally with code 0.
+bool ChildSucceeded(int status);
+
+// Waits until `condition` holds or `timeout` passes; returns the last value of `condition`.
+bool WaitFor(const std::function<bool()>& condition,
+             std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+}  // namespace corvanetest
