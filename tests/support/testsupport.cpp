@@ -1,6 +1,7 @@
 #include "tests/support/testsupport.h"
 
 #include <android/log.h>
+#include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -195,6 +196,13 @@ int RunInChild(const std::function<int()>& body) {
     int status = 0;
     waitpid(pid, &status, 0);
     return status;
+}
+
+int RunTestInChild(const std::function<void()>& body) {
+    return RunInChild([&body] {
+        body();
+        return ::testing::Test::HasFailure() ? 1 : 0;
+    });
 }
 
 bool ChildSucceeded(int status) {

@@ -30,7 +30,7 @@ const std::vector<std::string>& HookDbTableList();
 #define HOOK_DB_TABLE_LIST HookDbTableList()
 
 class HookDBOperations {
-public:
+  public:
     virtual ~HookDBOperations() = default;
     virtual int AddGroup(const HookGroup& group) = 0;
     virtual int UpdateGroup(const HookGroup& group) = 0;

@@ -56,7 +56,9 @@ std::string Format(const char* format, ...) {
     return buffer;
 }
 
-const char* ValueOrNull(const char* value) { return value == nullptr ? "NULL" : value; }
+const char* ValueOrNull(const char* value) {
+    return value == nullptr ? "NULL" : value;
+}
 
 // Stores true in *context when the column `wanted` holds exactly "1", and stops reading the row.
 int FlagCallback(const char* function, const char* wanted, void* context, int columnCount,
@@ -85,7 +87,9 @@ HookDBOperations* HookDBOperations::Create(const std::string& dbPath,
     return new HookDBOperationsImpl(dbPath, createStatements);
 }
 
-void HookDBOperations::Destroy(HookDBOperations* operations) { delete operations; }
+void HookDBOperations::Destroy(HookDBOperations* operations) {
+    delete operations;
+}
 
 HookDBOperationsImpl::HookDBOperationsImpl(const std::string& dbPath,
                                            const std::vector<std::string>& createStatements)
@@ -118,8 +122,7 @@ int QueryHookGroupCallbackFunction(void* context, int columnCount, char** values
     return 0;
 }
 
-int QueryHookExecutedCallbackFunction(void* context, int columnCount, char** values,
-                                      char** names) {
+int QueryHookExecutedCallbackFunction(void* context, int columnCount, char** values, char** names) {
     return FlagCallback(__func__, "executed", context, columnCount, values, names);
 }
 
@@ -141,11 +144,11 @@ int QueryArgumentsCallbackFunction(void* context, int columnCount, char** values
 }
 
 int HookDBOperationsImpl::AddGroup(const HookGroup& group) {
-    return SQLExecute(Format(kAddGroupSql, group.group_id, group.group_name.c_str(),
-                             StringJoinUint(group.case_list, kListSeparator).c_str(),
-                             StringJoin(group.args_array_list, kListSeparator).c_str(),
-                             group.available ? 1 : 0),
-                      nullptr, nullptr);
+    return SQLExecute(
+        Format(kAddGroupSql, group.group_id, group.group_name.c_str(),
+               StringJoinUint(group.case_list, kListSeparator).c_str(),
+               StringJoin(group.args_array_list, kListSeparator).c_str(), group.available ? 1 : 0),
+        nullptr, nullptr);
 }
 
 int HookDBOperationsImpl::UpdateGroup(const HookGroup& group) {
@@ -171,10 +174,10 @@ int HookDBOperationsImpl::AddCase(const HookCase& hookCase) {
 }
 
 int HookDBOperationsImpl::UpdateCase(const HookCase& hookCase) {
-    return SQLExecute(Format(kUpdateCaseSql, hookCase.case_name.c_str(),
-                             StringJoin(hookCase.hook_name_list, kListSeparator).c_str(),
-                             hookCase.case_id),
-                      nullptr, nullptr);
+    return SQLExecute(
+        Format(kUpdateCaseSql, hookCase.case_name.c_str(),
+               StringJoin(hookCase.hook_name_list, kListSeparator).c_str(), hookCase.case_id),
+        nullptr, nullptr);
 }
 
 int HookDBOperationsImpl::AddHook(const Hook& hook) {
@@ -241,8 +244,8 @@ bool HookDBOperationsImpl::QueryHookGroupAvailable(const HookGroup& group) {
 }
 
 int HookDBOperationsImpl::ModifyHookGroupAvailable(const HookGroup& group) {
-    return SQLExecute(Format(kModifyAvailableSql, group.available ? 1 : 0, group.group_id),
-                      nullptr, nullptr);
+    return SQLExecute(Format(kModifyAvailableSql, group.available ? 1 : 0, group.group_id), nullptr,
+                      nullptr);
 }
 
 std::vector<std::string> HookDBOperationsImpl::QueryHookGroupArguments(const HookGroup& group) {
@@ -260,8 +263,8 @@ std::vector<std::string> HookDBOperationsImpl::QueryHookGroupArguments(const Hoo
 }
 
 int HookDBOperationsImpl::ModifyHookGroupArguments(const HookGroup& group) {
-    return SQLExecute(Format(kModifyArgumentsSql,
-                             StringJoin(group.args_array_list, kListSeparator).c_str(),
-                             group.group_id),
-                      nullptr, nullptr);
+    return SQLExecute(
+        Format(kModifyArgumentsSql, StringJoin(group.args_array_list, kListSeparator).c_str(),
+               group.group_id),
+        nullptr, nullptr);
 }

@@ -7,7 +7,7 @@
 #include "core/database/hook/hookdboperations.h"
 
 class HookDBOperationsImpl : public DBOperations, public HookDBOperations {
-public:
+  public:
     HookDBOperationsImpl(const std::string& dbPath,
                          const std::vector<std::string>& createStatements);
     ~HookDBOperationsImpl() override = default;
@@ -30,8 +30,7 @@ public:
 
 // Row callbacks (SQLite's callback contract); every one returns 0.
 int QueryHookGroupCallbackFunction(void* context, int columnCount, char** values, char** names);
-int QueryHookExecutedCallbackFunction(void* context, int columnCount, char** values,
-                                      char** names);
+int QueryHookExecutedCallbackFunction(void* context, int columnCount, char** values, char** names);
 int QueryHookGroupAvailableCallbackFunction(void* context, int columnCount, char** values,
                                             char** names);
 int QueryArgumentsCallbackFunction(void* context, int columnCount, char** values, char** names);

@@ -56,9 +56,13 @@ int HookOperationImpl::DoHook(Hook& hook) {
 
 // Installing by proxy-function address and by jump table does nothing: only symbol addresses
 // are installed. Start-up re-injection counts such hooks as failures, on purpose.
-int HookOperationImpl::DoHookByProxyFunctionAddress(Hook&) { return 0; }
+int HookOperationImpl::DoHookByProxyFunctionAddress(Hook&) {
+    return 0;
+}
 
-int HookOperationImpl::DoHookByJumpTable(Hook&) { return 0; }
+int HookOperationImpl::DoHookByJumpTable(Hook&) {
+    return 0;
+}
 
 int HookOperationImpl::DoHookBySymbolAddress(Hook& hook) {
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
@@ -290,9 +294,10 @@ int HookOperationImpl::ModifyHookExecuteStatus(unsigned long caseId, unsigned lo
             continue;
         }
         hook->second.executed = static_cast<int>(status);
-        CORVANE_LOGI("modify hook execute status: case_id: %lu, hook_id: %lu, hookName: %s, "
-                     "status: %d",
-                     caseId, hookId, hookName.c_str(), hook->second.executed);
+        CORVANE_LOGI(
+            "modify hook execute status: case_id: %lu, hook_id: %lu, hookName: %s, "
+            "status: %d",
+            caseId, hookId, hookName.c_str(), hook->second.executed);
         if (m_pHookDBOperations != nullptr) {
             m_pHookDBOperations->UpdateHook(hook->second);
         }
@@ -383,9 +388,10 @@ std::string HookOperationImpl::GetHookName(unsigned long caseId, unsigned long h
         auto hook = m_hookConfigInformation.hooks.find(hookName);
         if (hook != m_hookConfigInformation.hooks.end() && hook->second.hook_id == hookId) {
             // Reuses the status line's text, as the log has always read.
-            CORVANE_LOGI("modify hook execute status: case_id: %lu, hook_id: %lu, hookName: %s, "
-                         "status: %d",
-                         caseId, hookId, hookName.c_str(), hook->second.executed);
+            CORVANE_LOGI(
+                "modify hook execute status: case_id: %lu, hook_id: %lu, hookName: %s, "
+                "status: %d",
+                caseId, hookId, hookName.c_str(), hook->second.executed);
             return hookName;
         }
     }
@@ -404,9 +410,9 @@ std::pair<unsigned long, unsigned long> HookOperationImpl::GetCaseAndHookId(
                 continue;
             }
             auto hook = m_hookConfigInformation.hooks.find(hookName);
-            return {entry.first,
-                    hook == m_hookConfigInformation.hooks.end() ? HOOK_ID_NONE
-                                                                : hook->second.hook_id};
+            return {entry.first, hook == m_hookConfigInformation.hooks.end()
+                                     ? HOOK_ID_NONE
+                                     : hook->second.hook_id};
         }
     }
     return {HOOK_ID_NONE, HOOK_ID_NONE};

@@ -3,10 +3,18 @@
 
 void HookOperationImpl::StartFirmware() {}
 void HookOperationImpl::StopFirmware() {}
-int HookOperationImpl::ProcessCmds(const HookFw&) { return 0; }
-int HookOperationImpl::DoHook(const HookFw&) { return 0; }
-int HookOperationImpl::UnHook(const HookFw&) { return 0; }
-int HookOperationImpl::ClearHook() { return 0; }
+int HookOperationImpl::ProcessCmds(const HookFw&) {
+    return 0;
+}
+int HookOperationImpl::DoHook(const HookFw&) {
+    return 0;
+}
+int HookOperationImpl::UnHook(const HookFw&) {
+    return 0;
+}
+int HookOperationImpl::ClearHook() {
+    return 0;
+}
 int HookOperationImpl::AddFaultInjectAck(const std::string&, unsigned char, unsigned char,
                                          unsigned char, unsigned char) {
     return 0;

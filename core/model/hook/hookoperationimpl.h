@@ -19,7 +19,7 @@ class HookDBOperations;
 class HookFwDBOperations;
 
 class HookOperationImpl : public HookOperation {
-public:
+  public:
     static constexpr const char* kHookCasePath = "/odm/etc/camera/corvanesystem_hook_case.json";
     static constexpr const char* kHookDbPath = "/data/vendor/camera/hook.db";
 
@@ -75,7 +75,7 @@ public:
 
     HookFwDBOperations* GetHookFwDBOperations() const { return m_pHookFwDBOperations; }
 
-private:
+  private:
     HookGroup* FindGroup(const std::string& groupName);
     // Firmware start-up and shut-down: subscriptions and pending commands.
     void StartFirmware();
