@@ -98,6 +98,11 @@ HookOperation* HookOperation::Create(HookOperationCreateInputData data) {
     return new HookOperationImpl(data);
 }
 
+HookOperation* CurrentHookOperation() {
+    std::lock_guard<std::mutex> lock(g_instanceMutex);
+    return g_instance;
+}
+
 HookOperation* HookOperation::GetInstance() {
     std::lock_guard<std::mutex> lock(g_instanceMutex);
     if (g_instance == nullptr) {

@@ -18,6 +18,9 @@ class ConfigLoad;
 class HookDBOperations;
 class HookFwDBOperations;
 
+// The process's engine if one exists; never creates one (bus handlers must not).
+HookOperation* CurrentHookOperation();
+
 class HookOperationImpl : public HookOperation {
   public:
     static constexpr const char* kHookCasePath = "/odm/etc/camera/corvanesystem_hook_case.json";
