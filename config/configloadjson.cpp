@@ -4,21 +4,18 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <rapidjson/memorystream.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
 #include <utility>
 
 #include "core/controller/corvanesystemlog.h"
+#include "utils/json/jsonparse.h"
 
 namespace {
 
 using rapidjson::Value;
-
-// Comments and trailing commas are allowed in every configuration file.
-constexpr unsigned CONFIG_PARSE_FLAGS =
-    rapidjson::kParseCommentsFlag | rapidjson::kParseTrailingCommasFlag;
-static_assert(CONFIG_PARSE_FLAGS == 160, "configuration files are parsed with flags 160");
 
 // The member `key` of `object`, or null when `object` is not an object or has no such member.
 const Value* FindMember(const Value* object, const std::string& key) {
@@ -90,12 +87,12 @@ std::string JsonText(const Value& value) {
 void AppendScalarEntry(const std::string& name, const Value& value, std::vector<Config>& out) {
     Data data;
     if (value.IsInt()) {
-        data.SetInt(value.GetInt(), JsonText(value));
+        data.SetInt(value.GetInt(), std::to_string(value.GetInt()));
     } else if (WithinFloatRange(value)) {
         // Integers beyond 32 bits land here too; their exact digits stay in the text.
         data.SetFloat(static_cast<float>(value.GetDouble()), JsonText(value));
     } else if (value.IsBool()) {
-        data.SetBool(value.GetBool(), JsonText(value));
+        data.SetBool(value.GetBool(), value.GetBool() ? "true" : "false");
     } else if (value.IsString()) {
         out.emplace_back(name, std::string(value.GetString(), value.GetStringLength()));
         return;
@@ -149,8 +146,8 @@ int ConfigLoadJson::Initialize(ConfigLoadCreateData data) {
         return result;
     }
     // Parse errors are not logged here: Create logs the failure with the file name.
-    m_document.Parse<CONFIG_PARSE_FLAGS>(m_fileContent.data(), m_fileContent.size());
-    return m_document.HasParseError() ? CONFIG_LOAD_INVALID : CONFIG_LOAD_OK;
+    rapidjson::MemoryStream stream(m_fileContent.data(), m_fileContent.size());
+    return ParseJson(stream, m_document) ? CONFIG_LOAD_OK : CONFIG_LOAD_INVALID;
 }
 
 int ConfigLoadJson::ReadFile(const std::string& path) {

@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "tests/support/testsupport.h"
+#include "utils/json/jsonparse.h"
 
 namespace {
 
@@ -75,6 +76,22 @@ TEST(JsonHelper, ReadFailuresAreReportedAsOne) {
         rapidjson::Document doc;
         EXPECT_EQ(ReadJsonFile(dir / "locked.json", doc), 1);
         EXPECT_TRUE(log.Contains("Could not open file for reading")) << log.Dump();
+    }
+}
+
+TEST(JsonHelper, NestingIsBoundedInsteadOfOverflowingTheStack) {
+    TempDir dir;
+    auto nested = [](size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
+    WriteText(dir / "limit.json", nested(JSON_MAX_DEPTH));
+    WriteText(dir / "deeper.json", nested(JSON_MAX_DEPTH + 1));
+    WriteText(dir / "hostile.json", nested(2000000));  // overflows an 8 MiB stack unbounded
+    rapidjson::Document doc;
+    EXPECT_EQ(ReadJsonFile(dir / "limit.json", doc), 0);
+    EXPECT_TRUE(doc.IsArray());
+    for (const char* name : {"deeper.json", "hostile.json"}) {
+        rapidjson::Document refused;
+        EXPECT_EQ(ReadJsonFile(dir / name, refused), 1) << name;
+        EXPECT_TRUE(refused.IsNull()) << name;
     }
 }
 

@@ -249,15 +249,28 @@ int QueryAgain(void* context, int, char** values, char**) {
     return 0;
 }
 
-TEST(DBOperations, ARowCallbackMayQueryTheSameObject) {
+int WriteAgain(void* context, int, char**, char**) {
+    Reentry* reentry = static_cast<Reentry*>(context);
+    reentry->innerResult = reentry->db->SQLExecute("insert into r values(1);", nullptr, nullptr);
+    return 0;
+}
+
+TEST(DBOperations, ARowCallbackMayQueryButNotWriteTheSameObject) {
     TempDir dir;
-    DBOperations db(dir / "r.db", {"r(x);"});
+    std::string path = dir / "r.db";
+    DBOperations db(path, {"r(x);"});
     ASSERT_EQ(db.SQLExecute("insert into r values(41);", nullptr, nullptr), 0);
     Reentry reentry;
     reentry.db = &db;
+    // The lock is recursive: no deadlock.
     EXPECT_EQ(db.SQLExecute("select x from r", QueryAgain, &reentry), 0);
     EXPECT_EQ(reentry.innerResult, 0);
     EXPECT_EQ(reentry.innerTable, (Table{{"x + 1"}, {"42"}}));
+    // The outer query still reads the file; the inner connection cannot commit, and a busy
+    // file is a failure like any other.
+    db.SQLExecute("select x from r", WriteAgain, &reentry);
+    EXPECT_EQ(reentry.innerResult, SQLITE_BUSY);
+    EXPECT_FALSE(Exists(path));
 }
 
 TEST(DBOperations, AnUnopenablePathIsAFailedOpen) {

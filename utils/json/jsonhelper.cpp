@@ -13,12 +13,9 @@
 #include <memory>
 
 #include "core/controller/corvanesystemlog.h"
+#include "utils/json/jsonparse.h"
 
 namespace {
-
-// The same parse flags as the configuration reader: comments and trailing commas allowed.
-constexpr unsigned JSON_FILE_PARSE_FLAGS =
-    rapidjson::kParseCommentsFlag | rapidjson::kParseTrailingCommasFlag;
 
 constexpr size_t STREAM_BUFFER_SIZE = 65536;
 
@@ -49,10 +46,9 @@ int ReadJsonFile(const std::string& path, rapidjson::Document& doc) {
         }
         std::unique_ptr<char[]> buffer(new char[STREAM_BUFFER_SIZE]);
         rapidjson::FileReadStream stream(file.get(), buffer.get(), STREAM_BUFFER_SIZE);
-        doc.ParseStream<JSON_FILE_PARSE_FLAGS>(stream);
         // A read error (a directory, an I/O error) ends the stream early and shows as a parse
-        // error.
-        if (doc.HasParseError()) {
+        // error, as does nesting deeper than JSON_MAX_DEPTH.
+        if (!ParseJson(stream, doc)) {
             CORVANE_LOGE("Error parsing JSON file");
             return JSON_FILE_FAILED;
         }

@@ -1,5 +1,6 @@
 // Whole-file JSON reading and writing for small state files (the probe history). Reading allows
-// comments and trailing commas and refuses files over 5 MiB; writing is compact. Neither throws.
+// comments and trailing commas and refuses files over 5 MiB or nested deeper than 256 levels;
+// writing is compact. Neither throws.
 #pragma once
 
 #include <rapidjson/document.h>
@@ -15,7 +16,8 @@ constexpr int JSON_FILE_FAILED = 1;      // not found, not opened, malformed, no
 constexpr int JSON_FILE_EXCEPTION = 3;   // an exception while reading
 constexpr int JSON_FILE_TOO_LARGE = 21;  // larger than JSON_FILE_SIZE_LIMIT
 
-// Parses the file at `path` into `doc`. After a parse error `doc` is left as the parser left it.
+// Parses the file at `path` into `doc` (nesting bounded by JSON_MAX_DEPTH). After an error `doc`
+// keeps its previous value.
 int ReadJsonFile(const std::string& path, rapidjson::Document& doc);
 
 // Replaces the file at `path` with the compact text of `doc`: 0, or 1 when the file cannot be
