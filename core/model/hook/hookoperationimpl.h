@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "core/messagecenter/message.h"
 #include "core/model/hook/hookoperation.h"
 
 class ConfigLoad;
@@ -77,6 +78,10 @@ class HookOperationImpl : public HookOperation {
                               std::vector<std::vector<std::string>>& result) override;
 
     HookFwDBOperations* GetHookFwDBOperations() const { return m_pHookFwDBOperations; }
+
+    // Bus handlers of "FaultInjectAck" and "bootinject"; they act on the process's engine.
+    static void FaultInjectAckCallback(Message request, Message* reply);
+    static void FastMsgSubscriberHandle(Message request, Message* reply);
 
   private:
     HookGroup* FindGroup(const std::string& groupName);
