@@ -35,6 +35,11 @@ struct Target {
     bool integer;
 };
 
+// Names the case in test listings.
+void PrintTo(const Target& target, std::ostream* out) {
+    *out << target.symbol;
+}
+
 constexpr int kCycles = 2000;
 constexpr int kCallers = 2;
 constexpr int kInputs = 64;

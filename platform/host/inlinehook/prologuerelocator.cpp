@@ -261,6 +261,12 @@ HookStatus PrologueRelocator::Analyze(uintptr_t address, const CodeBounds& bound
         }
         m_instructions.push_back(displaced);
         offset += instruction.length;
+        if (displaced.kind == Kind::Call && offset < kPatchSize) {
+            return Refuse(
+                Format("the call at +%zu is followed by more displaced instructions; "
+                       "its return address would point into the patched bytes",
+                       displaced.offset));
+        }
         // Without a symbol size nothing says the bytes after a return or jump belong to this
         // function; overwriting them could break the next one.
         if (displaced.terminates && offset < kPatchSize && !bounds.functionKnown()) {
@@ -274,13 +280,6 @@ HookStatus PrologueRelocator::Analyze(uintptr_t address, const CodeBounds& bound
 
     for (size_t i = 0; i < m_instructions.size(); ++i) {
         DisplacedInstruction& displaced = m_instructions[i];
-        bool last = i + 1 == m_instructions.size();
-        if (displaced.kind == Kind::Call && !last) {
-            return Refuse(
-                Format("the call at +%zu is followed by more displaced instructions; "
-                       "its return address would point into the patched bytes",
-                       displaced.offset));
-        }
         bool jump = displaced.kind == Kind::Jump || displaced.kind == Kind::ConditionalJump;
         bool inside = displaced.target >= address && displaced.target < address + m_length;
         if (jump && inside) {
