@@ -1,6 +1,7 @@
 #include "tests/support/testsupport.h"
 
 #include <android/log.h>
+#include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -147,9 +148,12 @@ void CaptureLogger(const struct __android_logger_data* data, const char* message
 }  // namespace
 
 LogCapture::LogCapture() {
-    std::lock_guard<std::mutex> lock(g_logMutex);
-    delete g_logLines;
-    g_logLines = new std::vector<LogLine>();
+    {
+        std::lock_guard<std::mutex> lock(g_logMutex);
+        delete g_logLines;
+        g_logLines = new std::vector<LogLine>();
+    }
+    // Outside g_logMutex: liblog holds its own lock while it calls CaptureLogger.
     __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
     __android_log_set_logger(CaptureLogger);
 }
@@ -195,6 +199,13 @@ int RunInChild(const std::function<int()>& body) {
     int status = 0;
     waitpid(pid, &status, 0);
     return status;
+}
+
+int RunTestInChild(const std::function<void()>& body) {
+    return RunInChild([&body] {
+        body();
+        return ::testing::Test::HasFailure() ? 1 : 0;
+    });
 }
 
 bool ChildSucceeded(int status) {

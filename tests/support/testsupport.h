@@ -91,6 +91,9 @@ class LogCapture {
 int RunInChild(const std::function<int()>& body);
 // Convenience: true when the child exited normally with code 0.
 bool ChildSucceeded(int status);
+// Runs a test body that uses EXPECT_*/ASSERT_* in a forked child; the child fails when any
+// expectation failed there (its messages are printed by the child). Returns the wait status.
+int RunTestInChild(const std::function<void()>& body);
 
 // Waits until `condition` holds or `timeout` passes; returns the last value of `condition`.
 bool WaitFor(const std::function<bool()>& condition,

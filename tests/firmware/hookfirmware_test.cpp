@@ -1,0 +1,200 @@
+// Firmware fault injection through the real bus and real database files. The engine, its
+// subscriptions and the bus client are per process: each scenario runs in its own child.
+#include <gtest/gtest.h>
+#include <stdio.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "core/messagecenter/messagecenterclient.h"
+#include "core/model/hook/hookoperation.h"
+#include "tests/support/testsupport.h"
+
+namespace {
+
+using corvanetest::ChildSucceeded;
+using corvanetest::LogCapture;
+using corvanetest::RunTestInChild;
+using corvanetest::ScopedChdir;
+using corvanetest::TestSysroot;
+
+constexpr const char* kHookDb = "data/vendor/camera/hook.db";
+
+std::mutex g_mutex;
+std::vector<Message> g_dynamic;  // what the firmware side received
+
+void RecordDynamic(Message request, Message*) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_dynamic.push_back(request);
+}
+
+std::vector<Message> Received() {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    return g_dynamic;
+}
+
+std::string Sql(const std::string& path, const std::string& query) {
+    std::string output;
+    FILE* pipe = popen(("sqlite3 -separator '|' '" + path + "' \"" + query + "\"").c_str(), "r");
+    char buffer[512];
+    while (pipe != nullptr && fgets(buffer, sizeof(buffer), pipe) != nullptr) {
+        output += buffer;
+    }
+    if (pipe != nullptr) {
+        pclose(pipe);
+    }
+    return output;
+}
+
+HookFw Command(uint8_t cmd, uint8_t camera, uint8_t subdev, uint8_t interface,
+               const std::string& param) {
+    HookFw command;
+    command.cmd_id = cmd;
+    command.cam_module_id = camera;
+    command.subdev_id = subdev;
+    command.interface_id = interface;
+    command.param = param;
+    return command;
+}
+
+std::vector<unsigned char> Payload(const Message& message) {
+    std::vector<unsigned char> bytes;
+    GetBytesData(message, "payload", &bytes);
+    return bytes;
+}
+
+// A sysroot with the bus and the firmware sub-module on; case 2 holds the hook with id 3.
+void Prepare(TestSysroot& sysroot) {
+    sysroot.InstallLibrary("com.halvern.messagecenter.so");
+    sysroot.SetProperty("persist.vendor.camera.cloud.corvanesystem.modswitch", "0x10");
+    sysroot.WriteFile("odm/etc/camera/corvanesystem_hook_case.json", R"({
+        "HOOK_CASE": [{"case_id": 2, "case_name": "sensor2", "hook_function": ["fw_hook"]}],
+        "HOOK_GROUP": [{"group_id": 1, "group_name": "fw", "case": [2]}],
+        "HOOK_FUNCTION": [{"hook_id": 3, "hook_name": "fw_hook", "hook_type": 3}]})");
+}
+
+// The engine of the process, with a recorder standing in for the firmware side.
+HookOperation* Engine() {
+    HookOperation* engine = HookOperation::GetInstance();
+    MessageCenterClient::GetInstance()->Subscribe("dynamic", RecordDynamic);
+    return engine;
+}
+
+TEST(HookFirmwareTest, InjectionsAreStoredOncePerTripleAndEachIsSent) {
+    TestSysroot sysroot;
+    Prepare(sysroot);
+    EXPECT_TRUE(ChildSucceeded(RunTestInChild([&] {
+        HookOperation* engine = Engine();
+        EXPECT_EQ(engine->ProcessCmds(Command(3, 1, 2, 3, "x")), 0);
+        EXPECT_TRUE(Received().empty());
+
+        EXPECT_EQ(engine->ProcessCmds(Command(0, 1, 2, 3, "first")), 0);
+        EXPECT_EQ(engine->ProcessCmds(Command(0, 1, 2, 3, "second")), 0);
+        EXPECT_EQ(Sql(sysroot / kHookDb, "select * from hook_firmware"), "1|2|3|second\n");
+        auto sent = Received();
+        ASSERT_EQ(sent.size(), 2u);
+        EXPECT_EQ(sent[1].topic, "dynamic");
+        EXPECT_EQ(Payload(sent[1]), (std::vector<unsigned char>{0, 1, 2, 3}));
+        std::string param;
+        EXPECT_TRUE(GetStringData(sent[1], "param", &param));
+        EXPECT_EQ(param, "second");
+        EXPECT_EQ(sent[1].data.count("length"), 0u);
+
+        EXPECT_EQ(engine->ProcessCmds(Command(2, 0, 0, 0, "")), 0);  // clear all
+        EXPECT_EQ(Sql(sysroot / kHookDb, "select count(*) from hook_firmware"), "0\n");
+        sent = Received();
+        ASSERT_EQ(sent.size(), 3u);
+        EXPECT_EQ(Payload(sent[2]), (std::vector<unsigned char>{2, 0, 0, 0}));
+        uint32_t length = 0;
+        EXPECT_TRUE(GetInt32Data(sent[2], "length", &length));
+        EXPECT_EQ(length, 4u);
+    })));
+}
+
+TEST(HookFirmwareTest, AcknowledgementMarksTheHookAndIsRemovedWithItsCommand) {
+    TestSysroot sysroot;
+    Prepare(sysroot);
+    EXPECT_TRUE(ChildSucceeded(RunTestInChild([&] {
+        HookOperation* engine = Engine();
+        LogCapture capture;
+        Message ack("FaultInjectAck");
+        ack.data["cameraid"] = MakeInt32Data(0x101);  // only the low 8 bits count
+        ack.data["SensorId"] = MakeInt32Data(2);
+        ack.data["InterfaceID"] = MakeInt32Data(3);
+        ack.data["status"] = MakeInt32Data(0x10);
+        Message reply;
+        MessageCenterClient::GetInstance()->SendMessage(ack, &reply);
+        EXPECT_TRUE(reply.topic.empty());  // the acknowledgement is not answered
+        EXPECT_TRUE(
+            capture.Contains("hook_name: fw_hook, cameraid: 1, SensorId: 2, "
+                             "InterfaceID: 3, status: 0x10"))
+            << capture.Dump();
+        // The code passed on is 0x81020310: camera, sensor, interface, status, top bit set.
+        EXPECT_TRUE(capture.Contains("hook_id: 3, hookName: fw_hook, status: " +
+                                     std::to_string(static_cast<int>(0x81020310u))));
+        EXPECT_TRUE(engine->IsHookStatus("fw_hook"));
+        EXPECT_EQ(Sql(sysroot / kHookDb, "select * from fault_inject_ack"), "fw_hook|1|2|3|0x10\n");
+
+        std::vector<std::vector<std::string>> rows;
+        engine->GetFaultInjectAckItem("fw_hook", -1, 2, 3, rows);
+        EXPECT_EQ(rows.size(), 2u);  // any camera module: header and the row
+
+        // Removing a command never stored still finds and deletes the acknowledgement.
+        EXPECT_EQ(engine->ProcessCmds(Command(1, 1, 2, 3, "p")), 0);
+        EXPECT_TRUE(capture.Contains("UnHook: current item not exist!"));
+        EXPECT_TRUE(capture.Contains("UnHook: erase current fault inject ack!"));
+        EXPECT_EQ(Sql(sysroot / kHookDb, "select count(*) from fault_inject_ack"), "0\n");
+        auto sent = Received();
+        ASSERT_EQ(sent.size(), 1u);
+        EXPECT_EQ(Payload(sent[0]), (std::vector<unsigned char>{1, 1, 2, 3}));
+        uint32_t length = 0;
+        EXPECT_TRUE(GetInt32Data(sent[0], "length", &length));
+        EXPECT_EQ(length, 4u);
+    })));
+}
+
+TEST(HookFirmwareTest, PendingCommandsSurviveARestartAndAreReplayedAtBoot) {
+    TestSysroot sysroot;
+    Prepare(sysroot);
+    ASSERT_TRUE(ChildSucceeded(RunTestInChild([&] {
+        HookOperation* engine = Engine();
+        engine->ProcessCmds(Command(0, 1, 2, 3, "alpha"));
+        engine->ProcessCmds(Command(0, 4, 5, 6, "beta"));
+    })));
+    EXPECT_TRUE(ChildSucceeded(RunTestInChild([&] {
+        Engine();
+        Message request("bootinject");
+        request.data["payload"] = MessageData("boot");
+        Message reply;
+        MessageCenterClient::GetInstance()->SendMessage(request, &reply);
+        EXPECT_EQ(reply.topic, "bootInjectAck");
+        uint32_t length = 0;
+        EXPECT_TRUE(GetInt32Data(reply, "length", &length));
+        EXPECT_EQ(length, 6u);
+        EXPECT_EQ(Payload(reply), (std::vector<unsigned char>{1, 2, 3, 4, 5, 6}));
+        std::string first, second;
+        EXPECT_TRUE(GetStringData(reply, "param_0", &first));
+        EXPECT_TRUE(GetStringData(reply, "param_1", &second));
+        EXPECT_EQ(first + "," + second, "alpha,beta");
+    })));
+}
+
+TEST(HookFirmwareTest, WithoutTheFirmwareSwitchNothingIsSubscribedOrStored) {
+    TestSysroot sysroot;
+    Prepare(sysroot);
+    sysroot.ClearProperties();
+    EXPECT_TRUE(ChildSucceeded(RunTestInChild([&] {
+        HookOperation* engine = Engine();
+        EXPECT_EQ(engine->ProcessCmds(Command(0, 1, 2, 3, "p")), 0);
+        EXPECT_EQ(Received().size(), 1u);  // still sent
+        Message reply;
+        MessageCenterClient::GetInstance()->SendMessage(Message("bootinject"), &reply);
+        EXPECT_TRUE(reply.topic.empty());  // nobody answers
+        EXPECT_FALSE(sysroot.Exists(kHookDb));
+        EXPECT_EQ(engine->ClearHook(), 0);
+        EXPECT_EQ(Received().size(), 1u);  // clear does nothing without the database
+    })));
+}
+
+}  // namespace
