@@ -22,6 +22,7 @@
 
 #include "core/controller/corvanesystemimpl.h"
 #include "core/controller/vxcdbprotocol.h"
+#include "core/server/server.h"
 #include "tests/channel/fakehookoperation.h"
 #include "tests/support/testsupport.h"
 
@@ -131,6 +132,13 @@ class Controller {
   private:
     CorvaneSystemImpl* m_system;
 };
+
+// A server on `path` serving `system`, destroyed when it goes away (before the controller, when
+// declared after it).
+using ServerPtr = std::unique_ptr<Server, decltype(&Server::Destroy)>;
+inline ServerPtr StartServer(const std::string& path, CorvaneSystem* system) {
+    return ServerPtr(Server::Create({10, system, path}), &Server::Destroy);
+}
 
 // A connected client socket, closed when it goes away.
 class ClientSocket {
