@@ -16,6 +16,6 @@ class Client {
     // Starts the connection's thread; it receives nothing before the client is fully set up.
     static Client* Create(ClientCreateInputData data);
     // Deliberately does nothing: a connection ends by itself after its reply, and the server
-    // keeps every connection object it ever accepted.
+    // keeps every connection object it accepted until the server itself is destroyed.
     static void Destroy(Client* client);
 };

@@ -376,6 +376,12 @@ int CorvaneSystemImpl::HandleDebugCommand(const VXCDBMessage_CDBCmd& command, VX
     return 0;
 }
 
-// PENDING: the message-center client has not landed yet, so the dump request is only logged.
-// Replace the body with the bus send once core/messagecenter/ exists.
-void CorvaneSystemImpl::RequestImageSensorModuleDump(const std::vector<std::string>&) {}
+// PENDING: the message-center client has not landed yet, so the dump request is only logged (by
+// the caller). Once core/messagecenter/ exists this sends a Message with the topic and string
+// entries below through MessageCenterClient::GetInstance()->SendMessage(message, &reply).
+void CorvaneSystemImpl::RequestImageSensorModuleDump(const std::vector<std::string>& arguments) {
+    [[maybe_unused]] constexpr const char* kTopic = "DUMP_IMAGE_SENSOR_MODULE_DATA";
+    [[maybe_unused]] constexpr const char* kKeyCommand = "command";  // kDebugDumpCommand
+    [[maybe_unused]] constexpr const char* kKeyParam = "param";      // only when arguments given
+    [[maybe_unused]] std::string param = StringJoin(arguments, " ");
+}

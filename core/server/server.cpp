@@ -72,6 +72,11 @@ ServerImpl::~ServerImpl() {
     for (ClientImpl* client : running) {
         client->Join();
     }
+    // Every connection thread has ended: nothing can reach a connection object any more.
+    for (Client* client : m_clients) {
+        delete client;
+    }
+    m_clients.clear();
     if (m_listenFd >= 0) {
         close(m_listenFd);
         m_listenFd = -1;

@@ -1,9 +1,10 @@
 // The debug socket server behind Server: state 0 (created) -> 1 (listening) -> 2 (stopped).
 // One accepting thread; every accepted connection becomes a ClientImpl with its own thread.
-// Connection objects are kept for the server's life (never freed), but their threads are joined:
-// finished ones by the accepting thread after each accept, the rest when the server is destroyed,
-// so neither threads nor descriptors accumulate however many requests are served, and no
-// connection thread is still inside the controller once the destructor has returned.
+// Connection objects are kept while the server runs (Client::Destroy is a no-op) and freed only by
+// its destruction, once their threads have ended. Their threads are joined: finished ones by the
+// accepting thread after each accept, the rest when the server is destroyed, so neither threads
+// nor descriptors accumulate however many requests are served, and no connection thread is still
+// inside the controller once the destructor has returned.
 #pragma once
 
 #include <atomic>
@@ -25,8 +26,9 @@ class ServerImpl : public Server {
 
     // Takes the input, then starts the accepting thread, which sets up the socket itself.
     explicit ServerImpl(const ServerCreateInputData& data);
-    // Stops, then waits for the accepting thread and every connection thread. The socket file is
-    // left in place; the next start-up removes it before binding.
+    // Stops, waits for the accepting thread and every connection thread, then frees the
+    // connection objects. The socket file is left in place; the next start-up removes it before
+    // binding.
     ~ServerImpl() override;
 
     int Initialize(const ServerCreateInputData& data);
