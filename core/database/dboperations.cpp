@@ -1,0 +1,169 @@
+#include "core/database/dboperations.h"
+
+#include <sqlite3.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include <memory>
+
+#include "core/controller/corvanesystemlog.h"
+#include "utils/stringutils.h"
+
+namespace {
+
+constexpr const char* INTEGRITY_CHECK_SQL = "PRAGMA integrity_check;";
+
+// Closes a connection when it goes out of scope, also one whose open failed.
+struct ConnectionCloser {
+    void operator()(sqlite3* handle) const { sqlite3_close(handle); }
+};
+using Connection = std::unique_ptr<sqlite3, ConnectionCloser>;
+
+struct SqliteFree {
+    void operator()(char* text) const { sqlite3_free(text); }
+};
+using SqliteText = std::unique_ptr<char, SqliteFree>;
+
+struct TableFree {
+    void operator()(char** cells) const { sqlite3_free_table(cells); }
+};
+using SqliteTable = std::unique_ptr<char*, TableFree>;
+
+// sqlite3_open hands back a handle even when it fails, unless it could not allocate one.
+int OpenConnection(const std::string& path, Connection& connection) {
+    sqlite3* handle = nullptr;
+    int result = sqlite3_open(path.c_str(), &handle);
+    connection.reset(handle);
+    if (result != SQLITE_OK) {
+        CORVANE_LOGE("Database opening failed, path: %s, error message: %s", path.c_str(),
+                     sqlite3_errmsg(handle));
+    }
+    return result;
+}
+
+}  // namespace
+
+DBOperations::DBOperations(const std::string& dbPath,
+                           const std::vector<std::string>& createStatements)
+    : m_dbPath(dbPath), m_dbStatus(0) {
+    if (m_dbPath.empty()) {
+        CORVANE_LOGE("Database path is empty");
+        m_dbStatus |= DB_STATUS_INIT_FAILED;
+        return;
+    }
+    for (const std::string& statement : createStatements) {
+        if (SQLTableCreate(statement) != SQLITE_OK) {
+            CORVANE_LOGE("Failed to create table: %s", statement.c_str());
+            m_dbStatus |= DB_STATUS_INIT_FAILED;
+            return;
+        }
+        m_dbStatus = 0;
+        // Only the result code counts: a file that opens and answers the pragma passes, whatever
+        // rows the pragma returns.
+        if (SQLExecute(INTEGRITY_CHECK_SQL, nullptr, nullptr) != SQLITE_OK) {
+            m_dbStatus |= DB_STATUS_INTEGRITY_FAILED;
+            // "data table" is the log's historical wording, kept so log searches keep matching.
+            CORVANE_LOGE("Failed to data table: %s", m_dbPath.c_str());
+            if (!m_dbPath.empty() && access(m_dbPath.c_str(), F_OK) == 0) {
+                remove(m_dbPath.c_str());
+            }
+            return;
+        }
+    }
+}
+
+DBOperations::~DBOperations() = default;
+
+bool DBOperations::IsBlocked() const {
+    return (m_dbStatus & (DB_STATUS_INIT_FAILED | DB_STATUS_SQL_FAILED)) != 0;
+}
+
+void DBOperations::FailAndRemoveFile() {
+    m_dbStatus |= DB_STATUS_SQL_FAILED;
+    if (!m_dbPath.empty() && access(m_dbPath.c_str(), F_OK) == 0) {
+        remove(m_dbPath.c_str());
+    }
+}
+
+int DBOperations::SQLExecute(std::string sql, RowCallback callback, void* context) {
+    std::lock_guard<std::recursive_mutex> lock(m_dbMutex);
+    if (IsBlocked()) {
+        return DB_BLOCKED;
+    }
+    int result;
+    {
+        Connection connection;
+        result = OpenConnection(m_dbPath, connection);
+        if (result == SQLITE_OK) {
+            CORVANE_LOGD("SQLExecute: handle: %p sql: %s", static_cast<void*>(connection.get()),
+                         sql.c_str());
+            char* rawError = nullptr;
+            result = sqlite3_exec(connection.get(), sql.c_str(), callback, context, &rawError);
+            SqliteText errorText(rawError);
+            if (result != SQLITE_OK) {
+                CORVANE_LOGE("SQL statement execution failed, sql: %s, error message: %s",
+                             sql.c_str(), errorText ? errorText.get() : sqlite3_errstr(result));
+            }
+        }
+    }  // closed here, before the file may be removed
+    if (result != SQLITE_OK) {
+        FailAndRemoveFile();
+    }
+    return result;
+}
+
+int DBOperations::SQLTableCreate(std::string sql) {
+    // The prefix test is exact and case-sensitive, deliberately: a statement written in upper
+    // case gets the prefix in front of its own keywords and fails. Every creation statement of
+    // the system starts with the lower-case prefix.
+    if (!StartsWith(sql, DB_CREATE_TABLE_PREFIX)) {
+        sql = DB_CREATE_TABLE_PREFIX + sql;
+    }
+    return SQLExecute(sql, nullptr, nullptr);
+}
+
+int DBOperations::SQLGetTable(const std::string& sql, std::vector<std::vector<std::string>>& result,
+                              int& nRow, int& nCol) {
+    std::lock_guard<std::recursive_mutex> lock(m_dbMutex);
+    result.clear();
+    if (IsBlocked()) {
+        return DB_BLOCKED;
+    }
+    int code;
+    {
+        Connection connection;
+        code = OpenConnection(m_dbPath, connection);
+        SqliteTable cells;
+        if (code == SQLITE_OK) {
+            CORVANE_LOGI("SQLExecute: handle: %p sql: %s", static_cast<void*>(connection.get()),
+                         sql.c_str());
+            char** rawCells = nullptr;
+            char* rawError = nullptr;
+            code = sqlite3_get_table(connection.get(), sql.c_str(), &rawCells, &nRow, &nCol,
+                                     &rawError);
+            cells.reset(rawCells);
+            SqliteText errorText(rawError);
+            if (code != SQLITE_OK) {
+                CORVANE_LOGE("SQL statement execution failed, sql: %s, error message: %s",
+                             sql.c_str(), errorText ? errorText.get() : sqlite3_errstr(code));
+            } else {
+                result.reserve(static_cast<size_t>(nRow) + 1);
+                for (int row = 0; row <= nRow; ++row) {
+                    std::vector<std::string> line;
+                    line.reserve(static_cast<size_t>(nCol));
+                    for (int column = 0; column < nCol; ++column) {
+                        const char* cell = cells.get()[row * nCol + column];
+                        line.emplace_back(cell == nullptr ? "" : cell);
+                    }
+                    result.push_back(std::move(line));
+                }
+            }
+        }
+        cells.reset();
+        CORVANE_LOGI("SQLExecute: result nRow: %d nCol: %d", nRow, nCol);
+    }  // closed here, before the file may be removed
+    if (code != SQLITE_OK) {
+        FailAndRemoveFile();
+    }
+    return code;
+}
