@@ -9,6 +9,7 @@
 #include "core/controller/corvanesystemimpl.h"
 #include "core/controller/corvanesystemlog.h"
 #include "core/controller/vxcdbprotocol.h"
+#include "core/messagecenter/messagecenterclient.h"
 #include "core/model/hook/hookoperation.h"
 #include "utils/stringutils.h"
 
@@ -34,6 +35,12 @@ constexpr const char* kOptionHelp = "help";
 constexpr const char* kOptionInject = "inject";
 constexpr const char* kOptionSignal = "signal";
 constexpr const char* kDebugDumpCommand = "dumpimagesensormoduledata";
+
+// The image-sensor dump request on the message bus: entry "command" names the request, entry
+// "param" (present only when the command had arguments) holds them joined with one blank.
+constexpr const char* kDumpTopic = "DUMP_IMAGE_SENSOR_MODULE_DATA";
+constexpr const char* kDumpKeyCommand = "command";
+constexpr const char* kDumpKeyParam = "param";
 
 // Largest serialised reply that is framed; one less than the payload field on purpose (the
 // tool's reader was written against this bound), so a reply of exactly 4096 bytes is refused.
@@ -376,12 +383,13 @@ int CorvaneSystemImpl::HandleDebugCommand(const VXCDBMessage_CDBCmd& command, VX
     return 0;
 }
 
-// PENDING: the message-center client has not landed yet, so the dump request is only logged (by
-// the caller). Once core/messagecenter/ exists this sends a Message with the topic and string
-// entries below through MessageCenterClient::GetInstance()->SendMessage(message, &reply).
+// The camera stack listens for this request on the bus; the answer, if any, is not shown.
 void CorvaneSystemImpl::RequestImageSensorModuleDump(const std::vector<std::string>& arguments) {
-    [[maybe_unused]] constexpr const char* kTopic = "DUMP_IMAGE_SENSOR_MODULE_DATA";
-    [[maybe_unused]] constexpr const char* kKeyCommand = "command";  // kDebugDumpCommand
-    [[maybe_unused]] constexpr const char* kKeyParam = "param";      // only when arguments given
-    [[maybe_unused]] std::string param = StringJoin(arguments, " ");
+    Message request(kDumpTopic);
+    request.data[kDumpKeyCommand] = MessageData(std::string(kDebugDumpCommand));
+    if (!arguments.empty()) {
+        request.data[kDumpKeyParam] = MessageData(StringJoin(arguments, " "));
+    }
+    Message reply;
+    MessageCenterClient::GetInstance()->SendMessage(request, &reply);
 }

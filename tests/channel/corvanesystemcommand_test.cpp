@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include "core/messagecenter/messagecenterclient.h"
 #include "tests/channel/channeltestutil.h"
 
 namespace {
@@ -160,6 +161,35 @@ TEST_F(CommandDispatch, DebugModuleDumpsAndRejectsOtherCommands) {
         (Entries{{"type", {"string"}}, {"message", {"image sensor module data dump requested"}}}));
     EXPECT_TRUE(log.Contains("command is dump"));
     EXPECT_EQ(m_controller.Run({{"dump", {}}}, "debug"), ErrorEntries("Unknown command: dump"));
+}
+
+Message g_dumpRequest;
+int g_dumpRequests = 0;
+
+void DumpListener(Message request, Message*) {
+    g_dumpRequest = request;
+    ++g_dumpRequests;
+}
+
+TEST(DebugDump, RequestGoesOutOnTheBus) {
+    // The bus client is decided once per process: a child of its own.
+    int status = corvanetest::RunInChild([] {
+        corvanetest::TestSysroot sysroot;
+        sysroot.InstallLibrary("com.halvern.messagecenter.so");
+        MessageCenterClient::GetInstance()->Subscribe("DUMP_IMAGE_SENSOR_MODULE_DATA",
+                                                      DumpListener);
+        Controller controller;
+        std::string command, param;
+        controller.Run({{"dumpimagesensormoduledata", {}}}, "debug");
+        bool bare = g_dumpRequests == 1 && GetStringData(g_dumpRequest, "command", &command) &&
+                    command == "dumpimagesensormoduledata" &&
+                    g_dumpRequest.data.count("param") == 0;
+        controller.Run({{"dumpimagesensormoduledata", {"sensor", "0"}}}, "debug");
+        bool withArguments = g_dumpRequests == 2 && GetStringData(g_dumpRequest, "param", &param) &&
+                             param == "sensor 0";
+        return (bare ? 0 : 1) | (withArguments ? 0 : 2);
+    });
+    EXPECT_TRUE(corvanetest::ChildSucceeded(status)) << "status " << status;
 }
 
 }  // namespace
