@@ -42,8 +42,9 @@ constexpr const char* kDumpTopic = "DUMP_IMAGE_SENSOR_MODULE_DATA";
 constexpr const char* kDumpKeyCommand = "command";
 constexpr const char* kDumpKeyParam = "param";
 
-// Largest serialised reply that is framed; one less than the payload field on purpose (the
-// tool's reader was written against this bound), so a reply of exactly 4096 bytes is refused.
+// Largest serialised reply that is framed: deliberately one less than the payload field, so a
+// reply of exactly 4096 bytes is refused although it would fit. Kept so that the largest reply a
+// reader may meet stays what it has always been.
 constexpr int kMaxReplyPayload = VXCDB_PAYLOAD_SIZE - 1;
 
 // Signals a debug user may name; RaiseSignal then acts only on 1 and 6.

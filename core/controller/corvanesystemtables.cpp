@@ -23,7 +23,8 @@ constexpr const char* kNotExecuted = "<not executed>";
 constexpr const char* kSuccessfullyHooked = "<Successfully hooked>";
 constexpr const char* kUnhook = "<unhook>";
 constexpr const char* kNotFind = "<not find>";
-constexpr const char* kUnknown = "<unkonwn>";  // misspelt on purpose: scripts match this text
+constexpr const char* kUnknown =
+    "<unkonwn>";  // misspelt on purpose: part of the reply format, keep it
 constexpr const char* kCleared = "<cleared>";
 
 // Columns of a fault_inject_ack row (row 0 of the table is the header, or one empty row when
