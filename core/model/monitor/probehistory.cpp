@@ -7,18 +7,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <map>
 #include <utility>
 
 #include "core/controller/corvanesystemlog.h"
 #include "utils/json/jsonhelper.h"
 
 namespace {
-
-const rapidjson::Value* FindMember(const rapidjson::Value& object, const char* key) {
-    auto it = object.FindMember(key);
-    return it == object.MemberEnd() ? nullptr : &it->value;
-}
 
 std::string StringOf(const rapidjson::Value& value) {
     return std::string(value.GetString(), value.GetStringLength());
@@ -42,28 +36,52 @@ int64_t TimeOf(const rapidjson::Value& value) {
     return static_cast<int64_t>(time);
 }
 
-// Fills `record` from `value` when it is a well-formed record; false otherwise.
-bool ParseRecord(const rapidjson::Value& value, ProbeMessage* record) {
+// The four members of a well-formed record, found in one pass over the object.
+struct RecordMembers {
+    const rapidjson::Value* name = nullptr;
+    const rapidjson::Value* type = nullptr;
+    const rapidjson::Value* time = nullptr;
+    const rapidjson::Value* result = nullptr;
+};
+
+bool IsKey(const rapidjson::Value& name, const std::string& key) {
+    return name.GetStringLength() == key.size() &&
+           memcmp(name.GetString(), key.data(), key.size()) == 0;
+}
+
+bool FindRecordMembers(const rapidjson::Value& value, RecordMembers* members) {
     if (!value.IsObject()) {
         return false;
     }
-    const rapidjson::Value* name = FindMember(value, PROBE_KEY_SENSOR_NAME);
-    const rapidjson::Value* type = FindMember(value, PROBE_KEY_SENSOR_TYPE);
-    const rapidjson::Value* time = FindMember(value, PROBE_KEY_PROBE_TIME);
-    const rapidjson::Value* result = FindMember(value, PROBE_KEY_PROBE_RESULT);
-    if (name == nullptr || !name->IsString() || type == nullptr || !type->IsString() ||
-        time == nullptr || !time->IsNumber() || result == nullptr || !result->IsString()) {
-        return false;
+    static const std::string nameKey = PROBE_KEY_SENSOR_NAME;
+    static const std::string typeKey = PROBE_KEY_SENSOR_TYPE;
+    static const std::string timeKey = PROBE_KEY_PROBE_TIME;
+    static const std::string resultKey = PROBE_KEY_PROBE_RESULT;
+    *members = RecordMembers();
+    for (const auto& member : value.GetObject()) {
+        if (IsKey(member.name, nameKey)) {
+            members->name = &member.value;
+        } else if (IsKey(member.name, typeKey)) {
+            members->type = &member.value;
+        } else if (IsKey(member.name, timeKey)) {
+            members->time = &member.value;
+        } else if (IsKey(member.name, resultKey)) {
+            members->result = &member.value;
+        }
     }
-    record->sensorName = StringOf(*name);
-    record->sensorType = StringOf(*type);
-    record->probeTime = TimeOf(*time);
-    record->probeResult = StringOf(*result) == PROBE_RESULT_SUCCESS;
-    return true;
+    return members->name != nullptr && members->name->IsString() && members->type != nullptr &&
+           members->type->IsString() && members->time != nullptr && members->time->IsNumber() &&
+           members->result != nullptr && members->result->IsString();
 }
 
-rapidjson::Value StringValue(const std::string& text, rapidjson::Document::AllocatorType& alloc) {
-    return rapidjson::Value(text.data(), static_cast<rapidjson::SizeType>(text.size()), alloc);
+bool HasType(const rapidjson::Value& type, const std::string& wanted) {
+    return type.GetStringLength() == wanted.size() &&
+           memcmp(type.GetString(), wanted.data(), wanted.size()) == 0;
+}
+
+// The text stays owned by the record, which outlives the document that refers to it.
+rapidjson::Value StringReference(const std::string& text) {
+    return rapidjson::Value(rapidjson::StringRef(text.data(), text.size()));
 }
 
 }  // namespace
@@ -78,12 +96,14 @@ ProbeHistoryStatus ReadProbeHistory(const std::string& path, const std::string* 
         return ProbeHistoryStatus::NOT_ARRAY;
     }
     records->reserve(records->size() + doc.Size());
-    ProbeMessage record;
+    RecordMembers members;
     for (const rapidjson::Value& value : doc.GetArray()) {
-        if (ParseRecord(value, &record) &&
-            (sensorType == nullptr || record.sensorType == *sensorType)) {
-            records->push_back(std::move(record));
+        if (!FindRecordMembers(value, &members) ||
+            (sensorType != nullptr && !HasType(*members.type, *sensorType))) {
+            continue;
         }
+        records->push_back({StringOf(*members.name), StringOf(*members.type), TimeOf(*members.time),
+                            StringOf(*members.result) == PROBE_RESULT_SUCCESS});
     }
     return ProbeHistoryStatus::OK;
 }
@@ -95,20 +115,26 @@ void SortNewestFirst(std::vector<ProbeMessage>& records) {
 }
 
 std::vector<ProbeMessage> RegroupProbeHistory(std::vector<ProbeMessage> records) {
-    // std::string compares as unsigned bytes: the groups come out in byte order.
-    std::map<std::string, std::vector<ProbeMessage>> groups;
+    // Sorted by address (records are large to move): by type in byte order (std::string compares
+    // as unsigned bytes), then newest first, equal times keeping their order.
+    std::vector<ProbeMessage*> order;
+    order.reserve(records.size());
     for (ProbeMessage& record : records) {
-        groups[record.sensorType].push_back(std::move(record));
+        order.push_back(&record);
     }
+    std::stable_sort(order.begin(), order.end(), [](const ProbeMessage* a, const ProbeMessage* b) {
+        int byType = a->sensorType.compare(b->sensorType);
+        return byType != 0 ? byType < 0 : a->probeTime > b->probeTime;
+    });
     std::vector<ProbeMessage> regrouped;
     regrouped.reserve(records.size());
-    for (auto& group : groups) {
-        std::vector<ProbeMessage>& members = group.second;
-        SortNewestFirst(members);
-        if (members.size() > PROBE_HISTORY_MAX_PER_TYPE) {
-            members.resize(PROBE_HISTORY_MAX_PER_TYPE);
+    size_t inGroup = 0;
+    for (ProbeMessage* record : order) {
+        bool sameGroup = !regrouped.empty() && record->sensorType == regrouped.back().sensorType;
+        inGroup = sameGroup ? inGroup + 1 : 0;
+        if (inGroup < PROBE_HISTORY_MAX_PER_TYPE) {
+            regrouped.push_back(std::move(*record));
         }
-        std::move(members.begin(), members.end(), std::back_inserter(regrouped));
     }
     return regrouped;
 }
@@ -120,9 +146,9 @@ bool WriteProbeHistory(const std::string& path, const std::vector<ProbeMessage>&
     for (const ProbeMessage& record : records) {
         rapidjson::Value object(rapidjson::kObjectType);
         object.AddMember(rapidjson::StringRef(PROBE_KEY_SENSOR_NAME),
-                         StringValue(record.sensorName, alloc), alloc);
+                         StringReference(record.sensorName), alloc);
         object.AddMember(rapidjson::StringRef(PROBE_KEY_SENSOR_TYPE),
-                         StringValue(record.sensorType, alloc), alloc);
+                         StringReference(record.sensorType), alloc);
         object.AddMember(rapidjson::StringRef(PROBE_KEY_PROBE_TIME),
                          rapidjson::Value(record.probeTime), alloc);
         object.AddMember(
