@@ -1,664 +1,387 @@
 #include "core/model/monitor/monitorimpl.h"
 
 #include <gtest/gtest.h>
-#include <rapidjson/document.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <functional>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "core/controller/corvanesystem.h"
 #include "core/messagecenter/messagecenterclient.h"
+#include "core/model/monitor/probehistory.h"
 #include "tests/support/testsupport.h"
 
 namespace {
 
-using corvanetest::ChildSucceeded;
 using corvanetest::LogCapture;
-using corvanetest::RunInChild;
-using corvanetest::ScopedChdir;
 using corvanetest::TestSysroot;
 
 constexpr const char* kHistory = "data/vendor/camera/probe_messages.json";
-constexpr const char* kSwitch = "persist.vendor.camera.cloud.corvanesystem.monitor";
-constexpr int64_t kT0 = 1700000000000;  // some millisecond of 2023
+constexpr const char* kReadFailure =
+    "Failed to read file: data/vendor/camera/probe_messages.json, reset file";
 
-struct Record {
-    std::string name;
-    std::string type;
-    int64_t time;
-    bool success;
-    bool operator==(const Record& other) const {
-        return name == other.name && type == other.type && time == other.time &&
-               success == other.success;
+ProbeMessage P(const std::string& name, const std::string& type, int64_t time, bool ok) {
+    return {name, type, time, ok};
+}
+
+// "name/type/time/ok name/type/time/fail ...": readable when an expectation fails.
+std::string Text(const std::vector<ProbeMessage>& records) {
+    std::string text;
+    for (const ProbeMessage& r : records) {
+        text += (text.empty() ? "" : " ") + r.sensorName + "/" + r.sensorType + "/" +
+                std::to_string(r.probeTime) + (r.probeResult ? "/ok" : "/fail");
     }
-};
-
-std::ostream& operator<<(std::ostream& out, const Record& r) {
-    return out << "{" << r.name << ", " << r.type << ", " << r.time << ", "
-               << (r.success ? "success" : "fail") << "}";
+    return text;
 }
 
-std::string RecordJson(const Record& r) {
-    return "{\"sensor_name\":\"" + r.name + "\",\"sensor_type\":\"" + r.type +
-           "\",\"probe_time\":" + std::to_string(r.time) + ",\"probe_result\":\"" +
-           (r.success ? "success" : "fail") + "\"}";
-}
-
-std::string HistoryJson(const std::vector<Record>& records) {
-    std::string text = "[";
-    for (const Record& r : records) {
-        text += (text.size() > 1 ? "," : "") + RecordJson(r);
+std::string Json(const std::vector<ProbeMessage>& records) {
+    std::string text;
+    for (const ProbeMessage& r : records) {
+        text += std::string(text.empty() ? "[" : ",") + "{\"sensor_name\":\"" + r.sensorName +
+                "\",\"sensor_type\":\"" + r.sensorType +
+                "\",\"probe_time\":" + std::to_string(r.probeTime) + ",\"probe_result\":\"" +
+                (r.probeResult ? "success" : "fail") + "\"}";
     }
-    return text + "]";
+    return text.empty() ? "[]" : text + "]";
 }
 
-Message ProbeMessageOf(const Record& r) {
-    Message message("PROBE_MESSAGE");
-    message.data["sensor_name"] = MessageData(r.name);
-    message.data["sensor_type"] = MessageData(r.type);
-    message.data["probe_time"] = MakeInt64Data(static_cast<uint64_t>(r.time));
-    message.data["probe_result"] = MakeInt32Data(r.success ? 1 : 0);
-    return message;
+Message ProbeRequest(const ProbeMessage& r) {
+    return Message("PROBE_MESSAGE", {{"sensor_name", MessageData(r.sensorName)},
+                                     {"sensor_type", MessageData(r.sensorType)},
+                                     {"probe_time", MakeInt64Data(r.probeTime)},
+                                     {"probe_result", MakeInt32Data(r.probeResult ? 1 : 0)}});
 }
 
-std::vector<Record> ToRecords(const std::vector<ProbeMessage>& messages) {
-    std::vector<Record> records;
-    for (const ProbeMessage& m : messages) {
-        records.push_back({m.sensorName, m.sensorType, m.probeTime, m.probeResult});
-    }
-    return records;
-}
-
-std::string ReplyString(const Message& reply, const char* key) {
-    std::string value = "<absent or not a string>";
-    GetStringData(reply, key, &value);
-    return value;
-}
-
-int64_t ReplyInt64(const Message& reply, const char* key) {
-    uint64_t value = 0xDEAD;
-    GetInt64Data(reply, key, &value);
-    return static_cast<int64_t>(value);
-}
-
-int64_t NowMs() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
-
-// Runs `body` in a child process, whose failed checks are printed there and fail the test here.
-// The bus client and the bus's subscriptions are per process, so every scenario that touches
-// them gets a fresh one.
+// The bus client and the bus's subscriptions are per process: scenarios that touch them run in
+// a child, whose failed checks print there and fail the test here.
 void ExpectInChild(const std::function<void()>& body) {
-    int status = RunInChild([&] {
+    EXPECT_TRUE(corvanetest::ChildSucceeded(corvanetest::RunInChild([&] {
         body();
         return ::testing::Test::HasFailure() ? 1 : 0;
-    });
-    EXPECT_TRUE(ChildSucceeded(status)) << "the child's checks failed (above), status " << status;
+    })));
 }
 
 // A sysroot as working directory, as the camera service has "/".
 class MonitorTest : public ::testing::Test {
   protected:
-    void WriteHistory(const std::vector<Record>& records) {
-        m_sysroot.WriteFile(kHistory, HistoryJson(records));
+    void WriteHistory(const std::vector<ProbeMessage>& records) {
+        m_sysroot.WriteFile(kHistory, Json(records));
     }
-
-    // The history file's records in file order; fails the test on anything but our format.
-    std::vector<Record> History() {
-        rapidjson::Document doc;
-        doc.Parse(m_sysroot.ReadFile(kHistory).c_str());
-        std::vector<Record> records;
-        if (doc.HasParseError() || !doc.IsArray()) {
-            ADD_FAILURE() << "history is not a JSON array: " << m_sysroot.ReadFile(kHistory);
-            return records;
-        }
-        for (const auto& v : doc.GetArray()) {
-            bool wellFormed = v.IsObject() && v.MemberCount() == 4 && v["sensor_name"].IsString() &&
-                              v["sensor_type"].IsString() && v["probe_time"].IsInt64() &&
-                              v["probe_result"].IsString();
-            if (!wellFormed) {
-                ADD_FAILURE() << "malformed record in " << m_sysroot.ReadFile(kHistory);
-                continue;
-            }
-            std::string result = v["probe_result"].GetString();
-            EXPECT_TRUE(result == "success" || result == "fail") << result;
-            records.push_back({v["sensor_name"].GetString(), v["sensor_type"].GetString(),
-                               v["probe_time"].GetInt64(), result == "success"});
-        }
-        return records;
+    // The file's records in file order (the exact text is checked once, below).
+    static std::string History() {
+        std::vector<ProbeMessage> records;
+        EXPECT_EQ(ReadProbeHistory(kHistory, nullptr, &records), ProbeHistoryStatus::OK);
+        return Text(records);
     }
-
-    static void Save(const Record& record) {
+    static void Save(const ProbeMessage& record) {
         Message reply;
-        MonitorImpl::SaveProbeMessage(ProbeMessageOf(record), &reply);
+        MonitorImpl::SaveProbeMessage(ProbeRequest(record), &reply);
     }
-
     static Message Ask(const std::string& topic, std::map<std::string, MessageData> data) {
         Message reply;
         MessageCenterClient::GetInstance()->SendMessage(Message(topic, std::move(data)), &reply);
         return reply;
     }
+    static std::string Name(const Message& reply, const char* key = "sensor_name") {
+        std::string value = "<none>";
+        GetStringData(reply, key, &value);
+        return value;
+    }
 
     TestSysroot m_sysroot;
-    ScopedChdir m_chdir{m_sysroot.path()};
+    corvanetest::ScopedChdir m_chdir{m_sysroot.path()};
 };
 
-// The same, with the host bus installed where the client looks for it.
 class MonitorBusTest : public MonitorTest {
   protected:
     MonitorBusTest() { m_sysroot.InstallLibrary("com.halvern.messagecenter.so"); }
 };
 
-// ---- The record store -------------------------------------------------------------------------
-
 TEST_F(MonitorTest, FirstSaveWritesOneCompactRecord) {
     LogCapture capture;
-    Save({"imx_wide_i", "wide", kT0 + 123, true});
+    Save(P("imx_wide_i", "wide", 1700000000123, true));
     EXPECT_EQ(m_sysroot.ReadFile(kHistory),
-              "[{\"sensor_name\":\"imx_wide_i\",\"sensor_type\":\"wide\",\"probe_time\":"
-              "1700000000123,\"probe_result\":\"success\"}]");
-    EXPECT_TRUE(capture.Contains(
-        "Failed to read file: data/vendor/camera/probe_messages.json, reset file"));
+              R"([{"sensor_name":"imx_wide_i","sensor_type":"wide","probe_time":1700000000123,)"
+              R"("probe_result":"success"}])");
+    EXPECT_TRUE(capture.Contains(kReadFailure));
     EXPECT_TRUE(capture.Contains(
         "Record probe sensor: imx_wide_i, type: wide, probe time: 1700000000123, result: 1"));
-
-    Save({"imx_wide_i", "wide", kT0 + 124, false});
-    EXPECT_EQ(History(), (std::vector<Record>{{"imx_wide_i", "wide", kT0 + 124, false},
-                                              {"imx_wide_i", "wide", kT0 + 123, true}}));
 }
 
-TEST_F(MonitorTest, HundredAndFirstRecordDropsOnlyTheOldestOfItsType) {
-    std::vector<Record> wide;
-    for (int i = 100; i >= 1; --i) {
-        wide.push_back({"w" + std::to_string(i), "wide", kT0 + i, i % 3 != 0});
+TEST_F(MonitorTest, FullTypeDropsOnlyItsOldestAndTypesFollowInByteOrder) {
+    std::vector<ProbeMessage> file;
+    for (int t = 1; t <= 100; ++t) {
+        file.push_back(P("w" + std::to_string(t), "wide", t, t % 3 != 0));
     }
-    const std::vector<Record> others = {{"t2", "tele", kT0 + 50, true},
-                                        {"t1", "tele", kT0 + 7, false},
-                                        {"plain", "", kT0 + 1, true}};
-    std::vector<Record> file = wide;
-    file.insert(file.end(), others.begin(), others.end());
+    // Unsigned bytes: "\xc3\xa9" (e acute) after every ASCII type, "Wide" before "tele".
+    file.insert(file.begin(), {P("e", "\xc3\xa9", 7, true), P("t", "tele", 3, false),
+                               P("T", "Wide", 9, true), P("n", "", 1, true)});
     WriteHistory(file);
+    Save(P("w101", "wide", 101, true));
 
-    Save({"w101", "wide", kT0 + 101, true});
-
-    std::vector<Record> expected = {others[2], others[0], others[1]};  // "" < "tele" < "wide"
-    expected.push_back({"w101", "wide", kT0 + 101, true});
-    expected.insert(expected.end(), wide.begin(), wide.end() - 1);  // w1 is gone
-    EXPECT_EQ(History(), expected);
-
-    // A name without a lens segment forms its own group, with an empty type.
-    Save({"imx586", "", kT0 + 2, false});
-    EXPECT_EQ(ToRecords(MonitorImpl::GetProbeMessage("", -1)),
-              (std::vector<Record>{{"imx586", "", kT0 + 2, false}, others[2]}));
-    EXPECT_EQ(MonitorImpl::GetProbeMessage("wide", -1).size(), 100u);
-}
-
-TEST_F(MonitorTest, TypesFollowInByteOrder) {
-    // Bytes compare unsigned: "\xc3\xa9" (e acute in UTF-8) comes after every ASCII type.
-    WriteHistory({{"e", "\xc3\xa9", kT0, true},
-                  {"w", "wide", kT0, true},
-                  {"W", "Wide", kT0, true},
-                  {"t", "tele", kT0, true}});
-    Save({"n", "", kT0, true});
-    std::vector<std::string> types;
-    for (const Record& r : History()) {
-        types.push_back(r.type);
+    std::vector<ProbeMessage> wide;
+    for (int t = 101; t >= 2; --t) {  // w1 is gone
+        wide.push_back(P("w" + std::to_string(t), "wide", t, t == 101 || t % 3 != 0));
     }
-    EXPECT_EQ(types, (std::vector<std::string>{"", "Wide", "tele", "wide", "\xc3\xa9"}));
-}
+    EXPECT_EQ(History(), "n//1/ok T/Wide/9/ok t/tele/3/fail " + Text(wide) + " e/\xc3\xa9/7/ok");
 
-TEST_F(MonitorTest, FullTypeKeepsTheNewestArrivalAmongRecordsOfTheSameMillisecond) {
-    std::vector<Record> same;
-    for (int i = 0; i < 100; ++i) {
-        same.push_back({"old" + std::to_string(i), "wide", kT0, true});
-    }
-    WriteHistory(same);
-    Save({"new", "wide", kT0, false});
-    std::vector<Record> history = History();
-    ASSERT_EQ(history.size(), 100u);
-    EXPECT_EQ(history.front().name, "new");
-    EXPECT_EQ(history.back().name, "old98");
+    // Within one millisecond the newest arrival counts as newest: a full type keeps it.
+    Save(P("late", "wide", 2, false));
+    std::vector<ProbeMessage> kept = MonitorImpl::GetProbeMessage("wide", -1);
+    ASSERT_EQ(kept.size(), 100u);
+    EXPECT_EQ(Text({kept[98], kept[99]}), "w3/wide/3/fail late/wide/2/fail");
 }
 
 TEST_F(MonitorTest, UnusableHistoryAnswersAsEmptyAndIsReplacedByTheNextSave) {
-    const std::string readFailure =
-        "Failed to read file: data/vendor/camera/probe_messages.json, reset file";
-    struct Case {
-        const char* what;
+    const std::string good = Json({P("kept", "wide", 5, true)});
+    const struct {
         std::string content;
-        std::string saveLog;   // logged by the save, "" for none
-        std::string queryLog;  // logged by a query
+        const char* log;  // logged by the save, or null for no "reset" line
+        std::string after;
+    } cases[] = {
+        {R"({"sensor_name": "a"})", "Json is not an array, reset json", "new/wide/9/ok"},
+        {"not json [", kReadFailure, "new/wide/9/ok"},
+        {std::string(100000, '['), kReadFailure, "new/wide/9/ok"},
+        {"[" + std::string(5 * 1024 * 1024, ' ') + "]", kReadFailure, "new/wide/9/ok"},
+        {R"([1, "x", null, {}, {"sensor_name":1,"sensor_type":"wide","probe_time":1,)"
+         R"("probe_result":"fail"}, {"sensor_name":"a","sensor_type":"wide","probe_time":"1",)"
+         R"("probe_result":"fail"}, {"sensor_name":"a","sensor_type":"wide","probe_time":1}])",
+         nullptr, "new/wide/9/ok"},
+        // Hand edits are read: comments, trailing commas, beside malformed elements.
+        {"[7, // note\n" + good.substr(1, good.size() - 2) + ",]", nullptr,
+         "new/wide/9/ok kept/wide/5/ok"},
     };
-    const std::string badRecords =
-        "[1, \"x\", null, [], {},"
-        "{\"sensor_name\":1,\"sensor_type\":\"wide\",\"probe_time\":1,\"probe_result\":\"fail\"},"
-        "{\"sensor_name\":\"a\",\"sensor_type\":\"wide\",\"probe_time\":\"1\","
-        "\"probe_result\":\"fail\"},"
-        "{\"sensor_name\":\"a\",\"sensor_type\":7,\"probe_time\":1,\"probe_result\":\"fail\"},"
-        "{\"sensor_name\":\"a\",\"sensor_type\":\"wide\",\"probe_time\":1}]";
-    const Case cases[] = {
-        {"an object", R"({"sensor_name": "a", "sensor_type": "wide"})",
-         "Json is not an array, reset json", "Json is not an array"},
-        {"a string", R"("wide")", "Json is not an array, reset json", "Json is not an array"},
-        {"garbage", "not json at all [", readFailure, readFailure},
-        {"an empty file", "", readFailure, readFailure},
-        {"a truncated array", HistoryJson({{"a", "wide", kT0, true}}).substr(0, 30), readFailure,
-         readFailure},
-        {"deep nesting", std::string(100000, '['), readFailure, readFailure},
-        {"over 5 MiB", "[" + std::string(5 * 1024 * 1024, ' ') + "]", readFailure, readFailure},
-        {"only malformed records", badRecords, "", ""},
-    };
-    const Record fresh = {"imx_wide_i", "wide", kT0, true};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.content.substr(0, 60));
         m_sysroot.WriteFile(kHistory, c.content);
-        {
-            LogCapture capture;
+        if (c.log != nullptr) {
             EXPECT_TRUE(MonitorImpl::GetProbeMessage("wide", -1).empty());
-            if (!c.queryLog.empty()) {
-                EXPECT_TRUE(capture.Contains(c.queryLog)) << capture.Dump();
-            }
         }
         LogCapture capture;
-        Save(fresh);
-        if (!c.saveLog.empty()) {
-            EXPECT_TRUE(capture.Contains(c.saveLog)) << capture.Dump();
-        } else {
-            EXPECT_FALSE(capture.Contains("reset")) << capture.Dump();
-        }
-        EXPECT_EQ(History(), std::vector<Record>{fresh});
+        Save(P("new", "wide", 9, true));
+        EXPECT_EQ(c.log != nullptr ? capture.Count(c.log) : capture.Count("reset"),
+                  c.log != nullptr ? 1 : 0)
+            << capture.Dump();
+        EXPECT_EQ(History(), c.after);
     }
-}
-
-TEST_F(MonitorTest, WellFormedRecordsSurviveBesideMalformedOnes) {
-    m_sysroot.WriteFile(kHistory, "[7, " + RecordJson({"t", "tele", kT0 + 5, false}) +
-                                      ", {\"sensor_name\":\"x\"}, // a comment\n" +
-                                      RecordJson({"w", "wide", kT0 + 9, true}) + ",]");
-    Save({"w2", "wide", kT0 + 1, true});
-    EXPECT_EQ(History(), (std::vector<Record>{{"t", "tele", kT0 + 5, false},
-                                              {"w", "wide", kT0 + 9, true},
-                                              {"w2", "wide", kT0 + 1, true}}));
 }
 
 TEST_F(MonitorTest, SaveIgnoresWhatIsNotAProbeRecord) {
-    const Record r = {"imx_wide_i", "wide", kT0, true};
-    struct Case {
-        const char* what;
-        Message message;
-        bool nullReply;
-        const char* log;  // expected error line, or null for none at all
-    };
-    auto without = [&](const char* key) {
-        Message m = ProbeMessageOf(r);
-        m.data.erase(key);
-        return m;
-    };
-    auto replaced = [&](const char* key, MessageData value) {
-        Message m = ProbeMessageOf(r);
-        m.data[key] = value;
-        return m;
-    };
-    Message wrongTopic = ProbeMessageOf(r);
+    const ProbeMessage r = P("imx_wide_i", "wide", 1, true);
+    Message wrongTopic = ProbeRequest(r), noTime = ProbeRequest(r), timeAsText = ProbeRequest(r);
     wrongTopic.topic = "PROBE_MESSAGES";
-    const Case cases[] = {
-        {"wrong topic", wrongTopic, false, "Not right message type"},
-        {"null reply", ProbeMessageOf(r), true, "Not right message type"},
-        {"no name", without("sensor_name"), false, nullptr},
-        {"no type", without("sensor_type"), false, nullptr},
-        {"no time", without("probe_time"), false, nullptr},
-        {"no result", without("probe_result"), false, nullptr},
-        {"time as a string", replaced("probe_time", MessageData("1")), false, "wrong kind"},
-        {"result as 64-bit", replaced("probe_result", MakeInt64Data(1)), false, "wrong kind"},
-        {"name as an integer", replaced("sensor_name", MakeInt32Data(1)), false, "wrong kind"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
+    noTime.data.erase("probe_time");
+    timeAsText.data["probe_time"] = MessageData("1");
+    const struct {
+        Message message;
+        bool withReply;
+        const char* log;  // null: no line at all
+    } cases[] = {{wrongTopic, true, "Not right message type"},
+                 {ProbeRequest(r), false, "Not right message type"},
+                 {noTime, true, nullptr},
+                 {timeAsText, true, "wrong kind"}};
+    for (const auto& c : cases) {
         LogCapture capture;
         Message reply;
-        MonitorImpl::SaveProbeMessage(c.message, c.nullReply ? nullptr : &reply);
+        MonitorImpl::SaveProbeMessage(c.message, c.withReply ? &reply : nullptr);
         EXPECT_FALSE(m_sysroot.Exists(kHistory));
-        EXPECT_TRUE(reply.topic.empty() && reply.data.empty());
-        if (c.log == nullptr) {
-            EXPECT_TRUE(capture.Lines().empty()) << capture.Dump();
-        } else {
-            EXPECT_TRUE(capture.Contains(c.log)) << capture.Dump();
-        }
+        EXPECT_EQ(c.log == nullptr ? capture.Lines().size() : capture.Count(c.log), c.log ? 1u : 0u)
+            << capture.Dump();
     }
-    // A well-formed record leaves the reply untouched too.
-    Message reply("keep");
-    MonitorImpl::SaveProbeMessage(ProbeMessageOf(r), &reply);
-    EXPECT_EQ(reply.topic, "keep");
+    Message reply("untouched");
+    MonitorImpl::SaveProbeMessage(ProbeRequest(r), &reply);
+    EXPECT_EQ(reply.topic, "untouched");
     EXPECT_TRUE(reply.data.empty());
-    EXPECT_EQ(History(), std::vector<Record>{r});
+    EXPECT_EQ(History(), "imx_wide_i/wide/1/ok");
 }
 
-TEST_F(MonitorTest, GetProbeMessageGivesTheNewestRecordsOfOneType) {
-    const Record w1 = {"a", "wide", kT0 + 1, true};
-    const Record w3 = {"b", "wide", kT0 + 3, false};
-    const Record w2 = {"c", "wide", kT0 + 2, true};
-    const Record t9 = {"d", "tele", kT0 + 9, true};
-    WriteHistory({w1, t9, w3, w2});  // out of order, as a hand-edited file may be
-    struct Case {
+TEST_F(MonitorTest, GetProbeMessageKeepsTheNewestCountOfOneType) {
+    WriteHistory({P("a", "wide", 1, true), P("d", "tele", 9, true), P("b", "wide", 3, false),
+                  P("c", "wide", 2, true)});
+    const std::string all = "b/wide/3/fail c/wide/2/ok a/wide/1/ok";
+    const struct {
         std::string type;
         int count;
-        std::vector<Record> expected;
-    };
-    const Case cases[] = {
-        {"wide", 0, {}},
-        {"wide", 1, {w3}},  // the newest, whether it succeeded or not
-        {"wide", 2, {w3, w2}},
-        {"wide", 3, {w3, w2, w1}},
-        {"wide", 100, {w3, w2, w1}},
-        {"wide", -1, {w3, w2, w1}},
-        {"wide", INT32_MIN, {w3, w2, w1}},
-        {"tele", 5, {t9}},
-        {"Wide", -1, {}},
-        {"", -1, {}},
-    };
-    for (const Case& c : cases) {
-        EXPECT_EQ(ToRecords(MonitorImpl::GetProbeMessage(c.type, c.count)), c.expected)
+        std::string expected;
+    } cases[] = {{"wide", 0, ""},
+                 {"wide", 1, "b/wide/3/fail"},
+                 {"wide", 3, all},
+                 {"wide", 50, all},
+                 {"wide", -1, all},
+                 {"wide", INT32_MIN, all},
+                 {"tele", 2, "d/tele/9/ok"},
+                 {"Wide", -1, ""}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(Text(MonitorImpl::GetProbeMessage(c.type, c.count)), c.expected)
             << c.type << " " << c.count;
     }
 }
 
 TEST_F(MonitorTest, FailedWriteKeepsTheOldHistoryWhole) {
-    const std::vector<Record> old = {{"a", "wide", kT0, true}};
-    WriteHistory(old);
-    // The new file is written beside the old one and renamed over it; block that path.
-    const std::string blocked = std::string(kHistory) + "." + std::to_string(getpid()) + ".tmp";
-    std::filesystem::create_directory(m_sysroot / blocked);
-    {
-        LogCapture capture;
-        Save({"b", "wide", kT0 + 1, true});
-        EXPECT_TRUE(
-            capture.Contains("Failed to write file: data/vendor/camera/probe_messages.json"))
-            << capture.Dump();
-    }
-    EXPECT_EQ(History(), old);
-
-    std::filesystem::remove(m_sysroot / blocked);
-    Save({"b", "wide", kT0 + 1, true});
-    EXPECT_EQ(History().size(), 2u);
-    // Nothing but the history is left behind.
-    std::vector<std::string> names;
-    for (const auto& entry :
-         std::filesystem::directory_iterator(m_sysroot / "data/vendor/camera")) {
-        names.push_back(entry.path().filename().string());
-    }
-    EXPECT_EQ(names, std::vector<std::string>{"probe_messages.json"});
+    WriteHistory({P("old", "wide", 1, true)});
+    // The new file is written beside the old one, then renamed over it: block that path.
+    const std::string next = m_sysroot / kHistory + "." + std::to_string(getpid()) + ".tmp";
+    std::filesystem::create_directory(next);
+    LogCapture capture;
+    Save(P("new", "wide", 2, true));
+    EXPECT_TRUE(capture.Contains("Failed to write file: data/vendor/camera/probe_messages.json"));
+    EXPECT_EQ(History(), "old/wide/1/ok");
+    std::filesystem::remove(next);
+    Save(P("new", "wide", 2, true));
+    EXPECT_EQ(History(), "new/wide/2/ok old/wide/1/ok");
+    EXPECT_FALSE(std::filesystem::exists(next));
 }
 
-TEST_F(MonitorTest, ConcurrentSavesAndQueriesLoseNothingAndSeeNoPartialFile) {
+TEST_F(MonitorTest, ConcurrentSavesLoseNothingAndQueriesNeverSeeAPartialFile) {
     WriteHistory({});
     LogCapture capture;
-    constexpr int kWriters = 4;
-    constexpr int kSavesEach = 25;
-    std::atomic<bool> writing{true};
-    std::vector<std::thread> readers;
-    for (int i = 0; i < 2; ++i) {
-        readers.emplace_back([&] {
-            while (writing) {
-                MonitorImpl::GetProbeMessage("type0", -1);
-            }
-        });
-    }
+    std::atomic<bool> saving{true};
+    std::thread reader([&] {
+        while (saving) {
+            MonitorImpl::GetProbeMessage("t0", -1);
+        }
+    });
     std::vector<std::thread> writers;
-    for (int w = 0; w < kWriters; ++w) {
+    for (int w = 0; w < 4; ++w) {
         writers.emplace_back([w] {
-            for (int i = 0; i < kSavesEach; ++i) {
-                Save({"s" + std::to_string(w) + "_" + std::to_string(i), "type" + std::to_string(w),
-                      kT0 + i, i % 2 == 0});
+            for (int i = 0; i < 25; ++i) {
+                Save(P("s" + std::to_string(i), "t" + std::to_string(w), i, true));
             }
         });
     }
-    for (auto& thread : writers) {
-        thread.join();
+    for (auto& writer : writers) {
+        writer.join();
     }
-    writing = false;
-    for (auto& thread : readers) {
-        thread.join();
+    saving = false;
+    reader.join();
+    for (const char* type : {"t0", "t1", "t2", "t3"}) {
+        EXPECT_EQ(MonitorImpl::GetProbeMessage(type, -1).size(), 25u) << type;
     }
-    EXPECT_EQ(History().size(), static_cast<size_t>(kWriters * kSavesEach));
-    EXPECT_FALSE(capture.Contains("Failed to read file")) << "a reader saw a partial file";
+    EXPECT_FALSE(capture.Contains("Failed to read file"));
 }
 
-// ---- The switch -------------------------------------------------------------------------------
-
 TEST_F(MonitorTest, RecordingFollowsTheLowestBitOfTheSwitchReadAtConstruction) {
+    constexpr const char* kSwitch = "persist.vendor.camera.cloud.corvanesystem.monitor";
     ExpectInChild([this] {
-        struct Case {
-            const char* value;  // nullptr: unset
-            bool records;
-        };
-        const Case cases[] = {{nullptr, false}, {"0", false},   {"1", true},  {"2", false},
-                              {"3", true},      {"0x11", true}, {"-1", true}, {"abc", false}};
-        for (const Case& c : cases) {
-            SCOPED_TRACE(c.value == nullptr ? "unset" : c.value);
-            m_sysroot.ClearProperties();
-            if (c.value != nullptr) {
-                m_sysroot.SetProperty(kSwitch, c.value);
-            }
+        for (const char* value : {"", "0", "1", "2", "3", "-1", "abc"}) {
+            m_sysroot.SetProperty(kSwitch, value);
             std::filesystem::remove(m_sysroot / kHistory);
+            LogCapture capture;
             Monitor* monitor = Monitor::Create();
-            int64_t before = NowMs();
+            // No bus in this sysroot: each subscription says so, recording goes on.
+            EXPECT_EQ(capture.Count("m_pMessageCenterSubscribeFuncPtr is NULL", "[MESSAGECENTER]"),
+                      4);
             monitor->RecordProbeMessage("imx_tele5x_ii", true);
-            int64_t after = NowMs();
             Monitor::Destroy(monitor);
-            ASSERT_EQ(m_sysroot.Exists(kHistory), c.records);
-            if (c.records) {
-                std::vector<Record> history = History();
-                ASSERT_EQ(history.size(), 1u);
-                EXPECT_EQ(history[0].name, "imx_tele5x_ii");
-                EXPECT_EQ(history[0].type, "tele5x");
-                EXPECT_TRUE(history[0].success);
-                EXPECT_GE(history[0].time, before);
-                EXPECT_LE(history[0].time, after);
+            bool odd = std::string("1 3 -1").find(value) != std::string::npos && value[0] != '\0';
+            ASSERT_EQ(m_sysroot.Exists(kHistory), odd) << "switch \"" << value << "\"";
+            if (odd) {
+                std::vector<ProbeMessage> records = MonitorImpl::GetProbeMessage("tele5x", -1);
+                ASSERT_EQ(records.size(), 1u);
+                EXPECT_EQ(records[0].sensorName, "imx_tele5x_ii");
+                EXPECT_NEAR(static_cast<double>(records[0].probeTime),
+                            static_cast<double>(time(nullptr)) * 1000, 5000);
             }
         }
-        // Read once: changing the property afterwards changes nothing for that monitor.
-        m_sysroot.SetProperty(kSwitch, "1");
-        Monitor* on = Monitor::Create();
         m_sysroot.SetProperty(kSwitch, "0");
-        Monitor* off = Monitor::Create();
+        std::unique_ptr<Monitor, void (*)(Monitor*)> off(Monitor::Create(), Monitor::Destroy);
         m_sysroot.SetProperty(kSwitch, "1");
         std::filesystem::remove(m_sysroot / kHistory);
         off->RecordProbeMessage("imx_wide_i", false);
-        EXPECT_FALSE(m_sysroot.Exists(kHistory));
-        on->RecordProbeMessage("imx_wide_i", false);
-        EXPECT_EQ(History(),
-                  (std::vector<Record>{{"imx_wide_i", "wide", History()[0].time, false}}));
-        Monitor::Destroy(on);
-        Monitor::Destroy(off);
-        Monitor::Destroy(nullptr);
+        EXPECT_FALSE(m_sysroot.Exists(kHistory)) << "the switch is read once, at construction";
     });
 }
 
-TEST_F(MonitorTest, MonitorWithoutABusStillRecords) {
-    m_sysroot.SetProperty(kSwitch, "1");
-    ExpectInChild([this] {
-        LogCapture capture;
-        Monitor* monitor = Monitor::Create();
-        EXPECT_EQ(capture.Count("m_pMessageCenterSubscribeFuncPtr is NULL", "[MESSAGECENTER]"), 4)
-            << capture.Dump();
-        monitor->RecordProbeMessage("hi846_front_iii", true);
-        EXPECT_EQ(History().size(), 1u);
-        Monitor::Destroy(monitor);
-    });
-}
-
-// ---- Queries on the bus -----------------------------------------------------------------------
-
-TEST_F(MonitorBusTest, LastSuccessAnswersWhetherTheNewestProbeOfTheTypeSucceeded) {
-    WriteHistory({{"older_ok", "wide", kT0 + 1, true},
-                  {"newest_failed", "wide", kT0 + 2, false},
-                  {"tele_ok", "tele", kT0 + 5, true},
-                  {"tele_older_failed", "tele", kT0 + 4, false}});
+TEST_F(MonitorBusTest, QueriesAnswerOverTheBus) {
+    // Newest first per type: wide A ok, B ok, A fail, B ok, A ok, B ok; tele: fail, then ok.
+    WriteHistory({P("B", "wide", 0, true), P("A", "wide", 1, true), P("B", "wide", 2, true),
+                  P("A", "wide", 3, false), P("B", "wide", 4, true), P("A", "wide", 5, true),
+                  P("T", "tele", 8, true), P("U", "tele", 9, false)});
     ExpectInChild([] {
         std::unique_ptr<Monitor, void (*)(Monitor*)> monitor(Monitor::Create(), Monitor::Destroy);
-        struct Case {
-            const char* type;  // nullptr: no "sensor_type" in the request
-            std::string name;
+        auto last = [](const char* type) {
+            return Name(Ask("GET_LAST_PROBE_SENSOR_NAME", {{"sensor_type", MessageData(type)}}));
         };
-        const Case cases[] = {{"wide", ""}, {"tele", "tele_ok"}, {"front", ""}, {nullptr, ""}};
-        for (const Case& c : cases) {
-            SCOPED_TRACE(c.type == nullptr ? "no type" : c.type);
+        EXPECT_EQ(last("wide"), "A");
+        EXPECT_EQ(last("tele"), "") << "the newest tele probe failed";
+        EXPECT_EQ(last("front"), "");
+
+        const struct {
             std::map<std::string, MessageData> request;
-            if (c.type != nullptr) {
-                request["sensor_type"] = MessageData(c.type);
-            }
-            Message reply = Ask("GET_LAST_PROBE_SENSOR_NAME", request);
-            EXPECT_EQ(reply.topic, "GET_LAST_PROBE_SENSOR_NAME");
-            EXPECT_EQ(ReplyString(reply, "sensor_name"), c.name);
-        }
-    });
-}
-
-TEST_F(MonitorBusTest, MostSuccessCountsSuccessesAmongTheNewestRecords) {
-    // Newest first: A ok, B ok, A fail, B ok, A ok, then an older B ok.
-    WriteHistory({{"B", "wide", kT0 + 0, true},
-                  {"A", "wide", kT0 + 1, true},
-                  {"B", "wide", kT0 + 2, true},
-                  {"A", "wide", kT0 + 3, false},
-                  {"B", "wide", kT0 + 4, true},
-                  {"A", "wide", kT0 + 5, true},
-                  {"Z", "tele", kT0 + 9, true}});
-    ExpectInChild([] {
-        std::unique_ptr<Monitor, void (*)(Monitor*)> monitor(Monitor::Create(), Monitor::Destroy);
-        struct Case {
-            const char* what;
-            bool withCount;
-            uint64_t count;
-            std::string name;
-            int64_t tally;
+            std::string answer;  // "name count"
+        } most[] = {
+            {{{"record_count", MakeInt64Data(5)}}, "A 2"},  // A and B tie: smallest name
+            {{{"record_count", MakeInt64Data(4)}}, "B 2"},
+            {{{"record_count", MakeInt64Data(0)}}, " 0"},
+            {{}, " 0"},                                                    // no count: nothing
+            {{{"record_count", MakeInt64Data(UINT64_MAX)}}, "B 3"},        // -1: every record
+            {{{"record_count", MakeInt64Data((1ull << 32) + 4)}}, "B 2"},  // narrowed to 4
         };
-        const Case cases[] = {
-            {"count 5: A and B tie at 2, the smaller name wins", true, 5, "A", 2},
-            {"count 4: B 2, A 1", true, 4, "B", 2},
-            {"count 3: tie at 1", true, 3, "A", 1},
-            {"count 1", true, 1, "A", 1},
-            {"count 0", true, 0, "", 0},
-            {"no count", false, 0, "", 0},
-            {"count -1 takes every record", true, UINT64_MAX, "B", 3},
-            {"count narrowed to int: 2^32 + 4 is 4", true, (1ull << 32) + 4, "B", 2},
-        };
-        for (const Case& c : cases) {
-            SCOPED_TRACE(c.what);
-            std::map<std::string, MessageData> request = {{"sensor_type", MessageData("wide")}};
-            if (c.withCount) {
-                request["record_count"] = MakeInt64Data(c.count);
-            }
+        for (const auto& c : most) {
+            std::map<std::string, MessageData> request = c.request;
+            request["sensor_type"] = MessageData("wide");
             Message reply = Ask("GET_MOST_PROBE_SENSOR_NAME", request);
+            uint64_t count = 99;
+            GetInt64Data(reply, "record_count", &count);
             EXPECT_EQ(reply.topic, "GET_MOST_PROBE_SENSOR_NAME");
-            EXPECT_EQ(ReplyString(reply, "sensor_name"), c.name);
-            EXPECT_EQ(ReplyInt64(reply, "record_count"), c.tally);
+            EXPECT_EQ(Name(reply) + " " + std::to_string(count), c.answer);
         }
-    });
-}
 
-TEST_F(MonitorBusTest, SensorTypeAnswersTheLensClassOfAName) {
-    ExpectInChild([] {
-        std::unique_ptr<Monitor, void (*)(Monitor*)> monitor(Monitor::Create(), Monitor::Destroy);
-        for (const auto& [name, type] : std::vector<std::pair<std::string, std::string>>{
+        for (const auto& [name, type] : std::map<std::string, std::string>{
                  {"hi846_front_iii", "front"}, {"imx586", ""}, {"s5k_tele3x_ii", "tele3x"}}) {
             Message reply = Ask("GET_SENSOR_TYPE", {{"sensor_name", MessageData(name)}});
-            EXPECT_EQ(reply.topic, "GET_SENSOR_TYPE") << name;
-            EXPECT_EQ(ReplyString(reply, "sensor_type"), type) << name;
+            EXPECT_EQ(reply.topic + " " + Name(reply, "sensor_type"), "GET_SENSOR_TYPE " + type);
         }
-        // Without a name (or under another topic, when called directly) nothing is answered.
         LogCapture capture;
-        Message reply = Ask("GET_SENSOR_TYPE", {{"sensor_type", MessageData("wide")}});
-        EXPECT_TRUE(reply.topic.empty() && reply.data.empty());
-        MonitorImpl::GetSensorType(Message("GET_TYPE", {{"sensor_name", MessageData("a_wide_i")}}),
-                                   &reply);
-        EXPECT_TRUE(reply.topic.empty() && reply.data.empty());
-        EXPECT_EQ(capture.Count("Not right message"), 2) << capture.Dump();
+        EXPECT_TRUE(Ask("GET_SENSOR_TYPE", {{"sensor_type", MessageData("x")}}).topic.empty());
+        EXPECT_TRUE(capture.Contains("Not right message"));
     });
 }
 
-TEST_F(MonitorBusTest, ProbeMessagesOnTheBusAreStoredOnlyWhenTheSenderWaitsForAReply) {
+TEST_F(MonitorBusTest, RepliesProbeMessagesAndSubscriptionsBehaveAsSendersRelyOn) {
+    WriteHistory({P("A", "wide", 1, true)});
     ExpectInChild([this] {
-        std::unique_ptr<Monitor, void (*)(Monitor*)> monitor(Monitor::Create(), Monitor::Destroy);
-        const Record r = {"imx_wide_i", "wide", kT0, false};
-        LogCapture capture;
-        MessageCenterClient::GetInstance()->SendMessage(ProbeMessageOf(r), nullptr);
-        EXPECT_FALSE(m_sysroot.Exists(kHistory));
-        EXPECT_TRUE(capture.Contains("Not right message type"));
-
-        Message reply;
-        MessageCenterClient::GetInstance()->SendMessage(ProbeMessageOf(r), &reply);
-        EXPECT_TRUE(reply.topic.empty() && reply.data.empty());
-        EXPECT_EQ(History(), std::vector<Record>{r});
-    });
-}
-
-TEST_F(MonitorBusTest, QueriesWithoutAReplyAnswerNothingAndRepliesKeepOtherEntries) {
-    WriteHistory({{"A", "wide", kT0, true}});
-    ExpectInChild([] {
-        std::unique_ptr<Monitor, void (*)(Monitor*)> monitor(Monitor::Create(), Monitor::Destroy);
+        Monitor::Destroy(Monitor::Create());  // the subscriptions outlive the monitor
         MessageCenterClient* bus = MessageCenterClient::GetInstance();
-        bus->SendMessage(
-            Message("GET_LAST_PROBE_SENSOR_NAME", {{"sensor_type", MessageData("wide")}}), nullptr);
-        bus->SendMessage(
-            Message("GET_MOST_PROBE_SENSOR_NAME",
-                    {{"sensor_type", MessageData("wide")}, {"record_count", MakeInt64Data(5)}}),
-            nullptr);
-        bus->SendMessage(Message("GET_SENSOR_TYPE", {{"sensor_name", MessageData("a_wide_i")}}),
-                         nullptr);
+        for (const char* topic : {"GET_LAST_PROBE_SENSOR_NAME", "GET_MOST_PROBE_SENSOR_NAME"}) {
+            bus->SendMessage(Message(topic, {{"sensor_type", MessageData("wide")}}), nullptr);
+        }
+        bus->SendMessage(Message("GET_SENSOR_TYPE", {{"sensor_name", MessageData("a")}}), nullptr);
 
-        // A reply that already holds entries keeps them; the answer's keys are overwritten.
-        Message reply("SOMETHING", {{"other", MessageData("kept")}});
+        // The answer is added to what the reply holds; its own keys are replaced.
+        Message reply("OTHER", {{"other", MessageData("kept")}});
         unsigned char bytes[] = {1, 2, 3};
         reply.data["sensor_name"].Set(bytes, sizeof(bytes));
         bus->SendMessage(
             Message("GET_LAST_PROBE_SENSOR_NAME", {{"sensor_type", MessageData("wide")}}), &reply);
-        EXPECT_EQ(reply.topic, "GET_LAST_PROBE_SENSOR_NAME");
-        EXPECT_EQ(ReplyString(reply, "other"), "kept");
-        EXPECT_EQ(ReplyString(reply, "sensor_name"), "A");
-        EXPECT_EQ(reply.data.size(), 2u);
+        EXPECT_EQ(reply.topic + " " + Name(reply, "other") + " " + Name(reply),
+                  "GET_LAST_PROBE_SENSOR_NAME kept A");
+
+        // A probe sent without a reply pointer is ignored; with one it is stored.
+        bus->SendMessage(ProbeRequest(P("B", "wide", 2, false)), nullptr);
+        EXPECT_EQ(History(), "A/wide/1/ok");
+        Message untouched;
+        bus->SendMessage(ProbeRequest(P("B", "wide", 2, false)), &untouched);
+        EXPECT_TRUE(untouched.topic.empty() && untouched.data.empty());
+        EXPECT_EQ(History(), "B/wide/2/fail A/wide/1/ok");
     });
 }
 
-TEST_F(MonitorBusTest, SubscriptionsOutliveTheMonitor) {
-    WriteHistory({{"A", "wide", kT0, true}});
-    ExpectInChild([] {
-        Monitor::Destroy(Monitor::Create());
-        Message reply = Ask("GET_LAST_PROBE_SENSOR_NAME", {{"sensor_type", MessageData("wide")}});
-        EXPECT_EQ(ReplyString(reply, "sensor_name"), "A");
-    });
-}
-
-TEST_F(MonitorBusTest, ControllerForwardsProbeReportsToTheMonitor) {
-    m_sysroot.SetProperty("persist.vendor.camera.cloud.corvanesystem.modswitch", "2");  // monitr
-    m_sysroot.SetProperty(kSwitch, "1");
-    ExpectInChild([this] {
-        CorvaneSystem* system = CorvaneSystemGetInstance();
-        system->RecordProbeMessage("s5k_tele5x_ii", true);
-        system->RecordProbeMessage("hi846_front_iii", false);
-        Message last = Ask("GET_LAST_PROBE_SENSOR_NAME", {{"sensor_type", MessageData("tele5x")}});
-        EXPECT_EQ(ReplyString(last, "sensor_name"), "s5k_tele5x_ii");
-        Message most = Ask("GET_MOST_PROBE_SENSOR_NAME", {{"sensor_type", MessageData("front")},
-                                                          {"record_count", MakeInt64Data(10)}});
-        EXPECT_EQ(ReplyString(most, "sensor_name"), "");
-        EXPECT_EQ(ReplyInt64(most, "record_count"), 0);
-        EXPECT_EQ(History().size(), 2u);
-    });
-    // Without "monitr" the controller has no monitor: reports are dropped, nobody answers.
-    m_sysroot.SetProperty("persist.vendor.camera.cloud.corvanesystem.modswitch", "0");
-    std::filesystem::remove(m_sysroot / kHistory);
-    ExpectInChild([this] {
-        CorvaneSystemGetInstance()->RecordProbeMessage("s5k_tele5x_ii", true);
-        EXPECT_FALSE(m_sysroot.Exists(kHistory));
-        Message reply = Ask("GET_SENSOR_TYPE", {{"sensor_name", MessageData("s5k_tele5x_ii")}});
-        EXPECT_TRUE(reply.topic.empty());
-    });
+TEST_F(MonitorBusTest, ControllerForwardsProbeReportsWhenMonitrIsOn) {
+    m_sysroot.SetProperty("persist.vendor.camera.cloud.corvanesystem.monitor", "1");
+    for (const char* modswitch : {"2", "0"}) {  // bit 0x2 is "monitr"
+        m_sysroot.SetProperty("persist.vendor.camera.cloud.corvanesystem.modswitch", modswitch);
+        std::filesystem::remove(m_sysroot / kHistory);
+        ExpectInChild([this, on = modswitch[0] == '2'] {
+            CorvaneSystemGetInstance()->RecordProbeMessage("s5k_tele5x_ii", true);
+            EXPECT_EQ(m_sysroot.Exists(kHistory), on);
+            Message reply =
+                Ask("GET_LAST_PROBE_SENSOR_NAME", {{"sensor_type", MessageData("tele5x")}});
+            EXPECT_EQ(Name(reply), on ? "s5k_tele5x_ii" : "<none>");
+        });
+    }
 }
 
 }  // namespace
