@@ -147,9 +147,12 @@ void CaptureLogger(const struct __android_logger_data* data, const char* message
 }  // namespace
 
 LogCapture::LogCapture() {
-    std::lock_guard<std::mutex> lock(g_logMutex);
-    delete g_logLines;
-    g_logLines = new std::vector<LogLine>();
+    {
+        std::lock_guard<std::mutex> lock(g_logMutex);
+        delete g_logLines;
+        g_logLines = new std::vector<LogLine>();
+    }
+    // Outside g_logMutex: liblog holds its own lock while it calls CaptureLogger.
     __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
     __android_log_set_logger(CaptureLogger);
 }

@@ -1,0 +1,260 @@
+// The client is a process-wide singleton whose state is decided at first use: every scenario
+// runs in a child process of its own.
+#include "core/messagecenter/messagecenterclient.h"
+
+#include <android/log.h>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <thread>
+#include <vector>
+
+#include "tests/messagecenter/messagecentertestutil.h"
+#include "tests/support/testsupport.h"
+
+namespace {
+
+using corvanetest::LogCapture;
+using corvanetest::LogLine;
+using corvanetest::TestSysroot;
+
+constexpr const char* TAG = "[MESSAGECENTER]";
+constexpr const char* NOT_LOADED = "m_pCorvaneSystemCore is NULL";
+constexpr const char* NO_SUBSCRIBE = "m_pMessageCenterSubscribeFuncPtr is NULL";
+constexpr const char* NO_UNSUBSCRIBE = "MessageCenterUnsubscribeFuncPtr is NULL";
+constexpr const char* NO_SEND = "m_pMessageCenterSendMessageFuncPtr is NULL";
+constexpr const char* RETRY_PROPERTY = "persist.vendor.camera.cloud.corvanesys.xmessage";
+
+// Lines of the client, exactly as written: tag, error priority and text.
+std::vector<std::string> ClientLines(const LogCapture& log) {
+    std::vector<std::string> lines;
+    for (const LogLine& line : log.Lines()) {
+        if (line.tag == TAG) {
+            EXPECT_EQ(line.priority, ANDROID_LOG_ERROR) << line.message;
+            lines.push_back(line.message);
+        }
+    }
+    return lines;
+}
+
+int Count(const std::vector<std::string>& lines, const std::string& text) {
+    int count = 0;
+    for (const std::string& line : lines) {
+        count += line == text ? 1 : 0;
+    }
+    return count;
+}
+
+std::atomic<int> g_echoCalls{0};
+
+void Echo(Message request, Message* reply) {
+    g_echoCalls++;
+    if (reply != nullptr) {
+        *reply = request;
+    }
+}
+
+MessageCenterClient* Client() {
+    return MessageCenterClient::GetInstance();
+}
+
+// True when a subscribe and a send through the client reach the bus.
+bool BusAnswers() {
+    Client()->Subscribe("echo", Echo);
+    Message reply;
+    Client()->SendMessage(Message("echo", {}), &reply);
+    return reply.topic == "echo";
+}
+
+TEST(MessageCenterClientTest, FailedLoadIsRetriedOnlyWhileThePropertyIsFive) {
+    struct Case {
+        const char* property;  // nullptr: unset
+        bool retries;
+    };
+    const Case cases[] = {{nullptr, false}, {"0", false},  {"4", false}, {"6", false},
+                          {"5", true},      {"0x5", true}, {"5 ", true}, {"05", true}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.property == nullptr ? "unset" : c.property);
+        InChild([&] {
+            TestSysroot sysroot;
+            if (c.property != nullptr) {
+                sysroot.SetProperty(RETRY_PROPERTY, c.property);
+            }
+            LogCapture log;
+            Client()->Subscribe("a", Echo);
+            Client()->Unsubscribe("a");
+            Message reply("untouched", {});
+            Client()->SendMessage(Message("a", {}), &reply);
+            EXPECT_EQ(reply.topic, "untouched");
+            std::vector<std::string> lines = ClientLines(log);
+            EXPECT_EQ(Count(lines, NOT_LOADED), c.retries ? 3 : 1);
+            EXPECT_EQ(Count(lines, NO_SUBSCRIBE), 1);
+            EXPECT_EQ(Count(lines, NO_UNSUBSCRIBE), 1);
+            EXPECT_EQ(Count(lines, NO_SEND), 1);
+
+            // The library appears: only a retrying client ever notices.
+            sysroot.InstallLibrary(BUS_FILE);
+            EXPECT_EQ(BusAnswers(), c.retries);
+            EXPECT_EQ(Count(ClientLines(log), NOT_LOADED), c.retries ? 3 : 1);
+        });
+    }
+}
+
+TEST(MessageCenterClientTest, PropertyIsReadAtEveryUse) {
+    InChild([] {
+        TestSysroot sysroot;
+        LogCapture log;
+        Client()->Subscribe("a", Echo);  // fails, property unset: no retry...
+        sysroot.SetProperty(RETRY_PROPERTY, "5");
+        Client()->Subscribe("a", Echo);  // ...until the property says so
+        sysroot.SetProperty(RETRY_PROPERTY, "1");
+        Client()->Subscribe("a", Echo);
+        EXPECT_EQ(Count(ClientLines(log), NOT_LOADED), 2);
+    });
+}
+
+// A library missing only the asynchronous entry is refused whole and without a word; every
+// entry then logs its own line, and the library is no longer loaded.
+TEST(MessageCenterClientTest, LibraryLackingOneEntryIsRejectedSilently) {
+    InChild([] {
+        TestSysroot sysroot;
+        std::string installed = sysroot / (std::string(BUS_DEVICE_DIR) + "/" + BUS_FILE);
+        std::filesystem::copy_file(NOASYNC_MESSAGECENTER_LIBRARY, installed);
+        LogCapture log;
+        Client()->Subscribe("a", Echo);
+        Client()->Unsubscribe("a");
+        Message reply("untouched", {});
+        Client()->SendMessage(Message("a", {}), &reply);
+
+        EXPECT_EQ(ClientLines(log),
+                  (std::vector<std::string>{NO_SUBSCRIBE, NO_UNSUBSCRIBE, NO_SEND}));
+        EXPECT_EQ(reply.topic, "untouched");
+        EXPECT_EQ(dlopen(installed.c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr);
+
+        // The variant really has the other four entries: only the missing one made it fail.
+        void* variant = dlopen(installed.c_str(), RTLD_NOW | RTLD_LOCAL);
+        ASSERT_NE(variant, nullptr);
+        for (const char* entry : {MESSAGE_CENTER_SUBSCRIBE, MESSAGE_CENTER_MODIFY_SUBSCRIBE,
+                                  MESSAGE_CENTER_UNSUBSCRIBE, MESSAGE_CENTER_SEND_MESSAGE}) {
+            EXPECT_NE(dlsym(variant, entry), nullptr) << entry;
+        }
+        EXPECT_EQ(dlsym(variant, MESSAGE_CENTER_SEND_MESSAGE_ASYNC), nullptr);
+        dlclose(variant);
+    });
+}
+
+// The handler checks every kind of value as the sender wrote it and answers in kind.
+void ProbeService(Message request, Message* reply) {
+    uint32_t result = 0;
+    uint64_t time = 0;
+    std::string name;
+    std::vector<unsigned char> raw;
+    bool typed = GetInt32Data(request, "probe_result", &result) &&
+                 GetInt64Data(request, "time", &time) &&
+                 GetStringData(request, "sensor_name", &name) && GetBytesData(request, "raw", &raw);
+    if (reply == nullptr) {
+        return;
+    }
+    reply->topic = request.topic;
+    reply->data["typed"] = MakeInt32Data(typed ? 1 : 0);
+    reply->data["sensor_type"] = MessageData(name + "-main");
+    reply->data["count"] = MakeInt64Data(time + result);
+    reply->data["raw"].Set(raw.data(), raw.size());
+}
+
+TEST(MessageCenterClientTest, RoundTripCarriesEveryKindOfValue) {
+    InChild([] {
+        TestSysroot sysroot;
+        sysroot.InstallLibrary(BUS_FILE);
+        LogCapture log;
+        Client()->Subscribe("GET_SENSOR_TYPE", ProbeService);
+
+        std::vector<unsigned char> raw = {0, 1, 2, 0xff, 0};
+        Message request("GET_SENSOR_TYPE", {});
+        request.data["probe_result"] = MakeInt32Data(0xfffffff0u);
+        request.data["time"] = MakeInt64Data(0x100000000ull);
+        request.data["sensor_name"] = MessageData(std::string("imx766"));
+        request.data["raw"].Set(raw.data(), raw.size());
+        Message reply;
+        Client()->SendMessage(request, &reply);
+
+        uint32_t typed = 0;
+        uint64_t count = 0;
+        std::string type;
+        std::vector<unsigned char> echoed;
+        EXPECT_EQ(reply.topic, "GET_SENSOR_TYPE");
+        EXPECT_TRUE(GetInt32Data(reply, "typed", &typed));
+        EXPECT_EQ(typed, 1u);
+        EXPECT_TRUE(GetStringData(reply, "sensor_type", &type));
+        EXPECT_EQ(type, "imx766-main");
+        EXPECT_TRUE(GetInt64Data(reply, "count", &count));
+        EXPECT_EQ(count, 0x100000000ull + 0xfffffff0u);
+        EXPECT_TRUE(GetBytesData(reply, "raw", &echoed));
+        EXPECT_EQ(echoed, raw);
+
+        Client()->Unsubscribe("GET_SENSOR_TYPE");
+        Message unanswered("untouched", {});
+        Client()->SendMessage(request, &unanswered);
+        EXPECT_EQ(unanswered.topic, "untouched");
+        EXPECT_TRUE(ClientLines(log).empty()) << log.Dump();
+    });
+}
+
+// Threads that all start by subscribing race on the first load; every send must then be answered.
+TEST(MessageCenterClientTest, FirstUseFromManyThreadsAtOnce) {
+    InChild([] {
+        TestSysroot sysroot;
+        sysroot.InstallLibrary(BUS_FILE);
+        std::atomic<int> unanswered{0};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([&] {
+                for (int i = 0; i < 500; ++i) {
+                    unanswered += BusAnswers() ? 0 : 1;
+                }
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        EXPECT_EQ(unanswered.load(), 0);
+    });
+}
+
+// At exit the client is torn down before anything registered for exit before it was created;
+// such late users get the null-pointer lines and the library is not opened again.
+LogCapture* g_exitLog = nullptr;
+
+void UseClientAfterItsTeardown() {
+    Client()->Subscribe("late", Echo);
+    Message reply("untouched", {});
+    Client()->SendMessage(Message("late", {}), &reply);
+    std::vector<std::string> lines = ClientLines(*g_exitLog);
+    bool expected =
+        lines == std::vector<std::string>{NO_SUBSCRIBE, NO_SEND} && reply.topic == "untouched";
+    if (!expected) {
+        fprintf(stderr, "after teardown:\n%s", g_exitLog->Dump().c_str());
+    }
+    _exit(expected ? 0 : 1);
+}
+
+TEST(MessageCenterClientTest, ClientIsDestroyedAtExit) {
+    TestSysroot sysroot;
+    sysroot.InstallLibrary(BUS_FILE);
+    sysroot.SetProperty(RETRY_PROPERTY, "5");  // not even a retry reopens it
+    int status = RunChildWithDeadline(
+        [] {
+            atexit(UseClientAfterItsTeardown);
+            EXPECT_TRUE(BusAnswers());
+            g_exitLog = new LogCapture();
+            exit(2);  // the exit handler decides the status
+        },
+        std::chrono::seconds(30));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+}  // namespace
