@@ -89,15 +89,16 @@ TEST(ProtectionHooksTest, SwitchesDecideWhetherTheSensorGuardIsInstalled) {
         const char* modswitch;
         const char* mainSwitch;
         const char* sensorScheme;
+        bool opened;  // the switch alone; installing also needs coreload and monitr
         bool installed;
     };
     const Row rows[] = {
-        {"hook library initialised by the controller", "0x8E", "1", "1", true},
-        {"hook library initialised by the protection model", "0x86", "1", "1", true},
-        {"coreload off", "0x0E", "1", "1", false},
-        {"monitr off", "0x8C", "1", "1", false},
-        {"main switch off", "0x8E", "0", "1", false},
-        {"scheme at 2", "0x8E", "1", "2", false},
+        {"hook library initialised by the controller", "0x8E", "1", "1", true, true},
+        {"hook library initialised by the protection model", "0x86", "1", "1", true, true},
+        {"coreload off", "0x0E", "1", "1", true, false},
+        {"monitr off", "0x8C", "1", "1", true, false},
+        {"main switch off", "0x8E", "0", "1", false, false},
+        {"scheme at 2", "0x8E", "1", "2", false, false},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
@@ -111,7 +112,7 @@ TEST(ProtectionHooksTest, SwitchesDecideWhetherTheSensorGuardIsInstalled) {
             auto write = Sensor<WriteFunction>("CameraSensorI2CWrite");
             auto read = Sensor<ReadFunction>("CameraSensorI2CRead");
             ASSERT_NE(write, nullptr);
-            EXPECT_EQ(system->IsSwitchOpened(ProtectionScheme::SENSORI2C), row.installed);
+            EXPECT_EQ(system->IsSwitchOpened(ProtectionScheme::SENSORI2C), row.opened);
             if (!row.installed) {
                 EXPECT_EQ(write(kSlave, kModeSelect, 1), -EINVAL);  // the sensor's own answer
                 EXPECT_FALSE(sysroot.Exists(kBigDataReportFile));
