@@ -1,0 +1,480 @@
+#include "hookengine.h"
+
+#include <dlfcn.h>
+#include <link.h>
+#include <string.h>
+#include <sys/mman.h>
+
+#include <algorithm>
+
+#include "codewindow.h"
+#include "hooklog.h"
+#include "memorymap.h"
+#include "prologuerelocator.h"
+
+namespace corvane::inlinehook {
+
+namespace {
+
+constexpr size_t kPatchSize = PrologueRelocator::kPatchSize;
+constexpr uintptr_t kPageMask = ~static_cast<uintptr_t>(4095);
+// A relay: jmp qword [rip + 2] ; int3 ; int3 ; then the 8-byte aligned slot it jumps through.
+constexpr size_t kRelaySize = 16;
+constexpr size_t kSlotOffset = 8;
+constexpr uint8_t kRelayCode[kSlotOffset] = {0xff, 0x25, 0x02, 0x00, 0x00, 0x00, 0xcc, 0xcc};
+
+uintptr_t SlotOf(uintptr_t relay) {
+    return relay + kSlotOffset;
+}
+
+void WriteRelay(uintptr_t relay, uintptr_t target) {
+    memcpy(reinterpret_cast<void*>(relay), kRelayCode, sizeof(kRelayCode));
+    StoreSlot(SlotOf(relay), target);
+}
+
+// Replaces the patch bytes of a function: atomically when they sit in one cache line, otherwise
+// by a plain copy, which the caller only does with every other thread paused.
+void WriteEntry(uintptr_t target, const uint8_t* bytes) {
+    if (CanStoreCodeAtomically(target, kPatchSize)) {
+        StoreCodeAtomically(target, bytes, kPatchSize);
+    } else {
+        memcpy(reinterpret_cast<void*>(target), bytes, kPatchSize);
+    }
+}
+
+// The extent of the ELF symbol holding `address`, and the base of its object.
+void FindSymbol(uintptr_t address, uintptr_t* objectBase, uintptr_t* start, uintptr_t* end) {
+    *objectBase = *start = *end = 0;
+    Dl_info info;
+    void* entry = nullptr;
+    if (dladdr1(reinterpret_cast<void*>(address), &info, &entry, RTLD_DL_SYMENT) == 0) {
+        return;
+    }
+    const auto* symbol = static_cast<const ElfW(Sym)*>(entry);
+    *objectBase = reinterpret_cast<uintptr_t>(info.dli_fbase);
+    if (symbol == nullptr || info.dli_saddr == nullptr || symbol->st_size == 0) {
+        return;
+    }
+    uintptr_t symbolStart = reinterpret_cast<uintptr_t>(info.dli_saddr);
+    if (address >= symbolStart && address < symbolStart + symbol->st_size) {
+        *start = symbolStart;
+        *end = symbolStart + symbol->st_size;
+    }
+}
+
+std::string Describe(uintptr_t address) {
+    Dl_info info;
+    if (dladdr(reinterpret_cast<void*>(address), &info) == 0) {
+        return Format("%#lx", static_cast<unsigned long>(address));
+    }
+    const char* object = info.dli_fname != nullptr ? strrchr(info.dli_fname, '/') : nullptr;
+    object = object != nullptr ? object + 1 : (info.dli_fname != nullptr ? info.dli_fname : "?");
+    if (info.dli_sname == nullptr) {
+        return Format("%#lx (%s)", static_cast<unsigned long>(address), object);
+    }
+    uintptr_t offset = address - reinterpret_cast<uintptr_t>(info.dli_saddr);
+    return offset == 0
+               ? Format("%s (%#lx, %s)", info.dli_sname, static_cast<unsigned long>(address),
+                        object)
+               : Format("%s+%#lx (%#lx, %s)", info.dli_sname, static_cast<unsigned long>(offset),
+                        static_cast<unsigned long>(address), object);
+}
+
+}  // namespace
+
+HookEngine& HookEngine::Instance() {
+    // Never destroyed: hooks outlive static destruction, and a thread may still be in a relay.
+    static HookEngine* engine = new HookEngine();
+    return *engine;
+}
+
+HookStatus HookEngine::Initialise(shadowhook_mode_t mode) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_mode = mode;
+    HookStatus status = ThreadPause::InstallHandler();
+    if (!status.ok()) {
+        return status;
+    }
+    RegisterCoreSync();
+    return HookStatus::Ok();
+}
+
+HookStatus HookEngine::Hook(uintptr_t target, uintptr_t replacement, void** orig, void** stub) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (target == replacement) {
+        return HookStatus::Error(SHADOWHOOK_ERRNO_INVALID_ARG,
+                                 "the replacement is the hooked function itself");
+    }
+    if (m_islands.Contains(target)) {
+        return HookStatus::Error(SHADOWHOOK_ERRNO_INVALID_ARG,
+                                 "the address is one of the engine's own relays or trampolines "
+                                 "(an orig entry?); hook the function itself");
+    }
+    auto found = m_sites.find(target);
+    Site* site = found != m_sites.end() ? found->second.get() : nullptr;
+    if (site != nullptr && site->patched) {
+        return AddToChain(*site, replacement, orig, stub);
+    }
+    if (site == nullptr || !SiteStillMatches(*site)) {
+        std::unique_ptr<Site> fresh;
+        HookStatus status = BuildSite(target, &fresh);
+        if (!status.ok()) {
+            return status;
+        }
+        site = fresh.get();
+        // A stale site of the same address (its library reloaded with other code) goes; its
+        // trampoline stays mapped for any thread still inside it.
+        m_sites[target] = std::move(fresh);
+    }
+    return InstallFirstHook(*site, replacement, orig, stub);
+}
+
+HookStatus HookEngine::BuildSite(uintptr_t target, std::unique_ptr<Site>* out) {
+    MemoryMap map;
+    HookStatus status = map.Load();
+    if (!status.ok()) {
+        return status;
+    }
+    const MappedRegion* region = map.Find(target);
+    constexpr int kReadExec = PROT_READ | PROT_EXEC;
+    if (region == nullptr || (region->prot & kReadExec) != kReadExec) {
+        return HookStatus::Error(SHADOWHOOK_ERRNO_INVALID_ARG,
+                                 Format("%#lx is not in readable executable memory (%s)",
+                                        static_cast<unsigned long>(target),
+                                        region == nullptr ? "not mapped" : region->name.c_str()));
+    }
+    auto site = std::make_unique<Site>();
+    site->target = target;
+    CodeBounds bounds;
+    bounds.readableEnd = map.ReadableEnd(target);
+    FindSymbol(target, &site->objectBase, &site->symbolStart, &site->symbolEnd);
+    bounds.functionStart = site->symbolStart;
+    bounds.functionEnd = site->symbolEnd;
+
+    PrologueRelocator relocator;
+    status = relocator.Analyze(target, bounds);
+    if (!status.ok()) {
+        return status;
+    }
+    site->regionLength = relocator.regionLength();
+    status = CheckOverlap(target, site->regionLength);
+    if (!status.ok()) {
+        return status;
+    }
+    const MappedRegion* lastPage = map.Find(target + kPatchSize - 1);
+    site->pageProt[0] = region->prot;
+    site->pageProt[1] = lastPage != nullptr ? lastPage->prot : region->prot;
+
+    uintptr_t block = 0;
+    status = m_islands.Allocate(target, kRelaySize + relocator.maxTrampolineSize(), &block);
+    if (!status.ok()) {
+        return status;
+    }
+    site->entryRelay = block;
+    site->trampoline = block + kRelaySize;
+    std::vector<uint8_t> code;
+    status = relocator.Emit(site->trampoline, &code);
+    if (!status.ok()) {
+        return status;  // the block stays unused: bounded by such failures, which are rare
+    }
+    {
+        CodeWindow window;
+        status = window.Open(block, kRelaySize + code.size(), IslandAllocator::kIslandProt);
+        if (!status.ok()) {
+            return status;
+        }
+        WriteRelay(site->entryRelay, site->trampoline);
+        memcpy(reinterpret_cast<void*>(site->trampoline), code.data(), code.size());
+    }
+
+    memcpy(site->original, reinterpret_cast<const void*>(target), site->regionLength);
+    int32_t rel = static_cast<int32_t>(site->entryRelay - (target + kPatchSize));
+    site->patch[0] = 0xe9;
+    memcpy(site->patch + 1, &rel, sizeof(rel));
+    for (const auto& [from, to] : relocator.InteriorBoundaries()) {
+        site->redirects[site->redirectCount++] =
+            PauseRedirect{target + from, site->trampoline + to};
+    }
+    INLINEHOOK_LOGI(
+        "prepared %s: %zu displaced bytes in %zu instructions, trampoline %#lx (%zu "
+        "bytes)%s",
+        Describe(target).c_str(), site->regionLength, relocator.instructions().size(),
+        static_cast<unsigned long>(site->trampoline), code.size(),
+        bounds.functionKnown() ? "" : ", no symbol size: later branches not checked");
+    *out = std::move(site);
+    return HookStatus::Ok();
+}
+
+bool HookEngine::SiteStillMatches(const Site& site) const {
+    uintptr_t objectBase = 0;
+    uintptr_t start = 0;
+    uintptr_t end = 0;
+    FindSymbol(site.target, &objectBase, &start, &end);
+    if (objectBase != site.objectBase || start != site.symbolStart || end != site.symbolEnd) {
+        return false;
+    }
+    if (objectBase == 0) {
+        // Anonymous code (JIT, hand-made): nothing vouches for it but the current mappings.
+        MemoryMap map;
+        if (!map.Load().ok()) {
+            return false;
+        }
+        const MappedRegion* first = map.Find(site.target);
+        const MappedRegion* fifth = map.Find(site.target + kPatchSize - 1);
+        if (first == nullptr || fifth == nullptr || first->prot != site.pageProt[0] ||
+            fifth->prot != site.pageProt[1] ||
+            map.ReadableEnd(site.target) < site.target + site.regionLength) {
+            return false;
+        }
+    }
+    return memcmp(reinterpret_cast<const void*>(site.target), site.original, site.regionLength) ==
+           0;
+}
+
+HookStatus HookEngine::CheckOverlap(uintptr_t target, size_t length) const {
+    auto next = m_sites.upper_bound(target);
+    if (next != m_sites.end() && next->second->patched && target + length > next->first) {
+        return HookStatus::Error(SHADOWHOOK_ERRNO_HOOK_REWRITE_FAILED,
+                                 Format("the bytes to displace reach into the hook at %s",
+                                        Describe(next->first).c_str()));
+    }
+    auto it = m_sites.lower_bound(target);
+    if (it != m_sites.begin()) {
+        const Site& previous = *std::prev(it)->second;
+        if (previous.patched && previous.target + previous.regionLength > target) {
+            return HookStatus::Error(SHADOWHOOK_ERRNO_HOOK_REWRITE_FAILED,
+                                     Format("the address lies in the bytes displaced by the hook "
+                                            "at %s",
+                                            Describe(previous.target).c_str()));
+        }
+    }
+    return HookStatus::Ok();
+}
+
+HookStatus HookEngine::AcquireRelay(Site& site, uintptr_t* relay) {
+    auto now = std::chrono::steady_clock::now();
+    if (!site.retiredRelays.empty() &&
+        now - site.retiredRelays.front().second >= m_relayGracePeriod) {
+        *relay = site.retiredRelays.front().first;
+        site.retiredRelays.pop_front();
+        return HookStatus::Ok();  // the caller aims its slot
+    }
+    HookStatus status = m_islands.Allocate(site.target, kRelaySize, relay);
+    if (!status.ok()) {
+        return status;
+    }
+    CodeWindow window;
+    status = window.Open(*relay, kRelaySize, IslandAllocator::kIslandProt);
+    if (!status.ok()) {
+        return status;
+    }
+    WriteRelay(*relay, site.trampoline);
+    ++m_relaysAllocated;
+    return HookStatus::Ok();
+}
+
+void HookEngine::ReturnUnusedRelay(Site& site, uintptr_t relay) {
+    // Never handed out, so no thread can be using it: reusable at once.
+    site.retiredRelays.emplace_front(relay, std::chrono::steady_clock::time_point());
+}
+
+HookEngine::HookRecord* HookEngine::NewRecord(Site& site, uintptr_t replacement, uintptr_t relay) {
+    auto record = std::make_unique<HookRecord>();
+    record->id = m_nextId++;
+    record->site = &site;
+    record->replacement = replacement;
+    record->relay = relay;
+    HookRecord* raw = record.get();
+    m_hooks.emplace(raw->id, std::move(record));
+    site.chain.reserve(site.chain.size() + 1);
+    return raw;
+}
+
+HookStatus HookEngine::OpenTargetWindow(const Site& site, CodeWindow* window) const {
+    HookStatus status = window->Open(site.target, 1, site.pageProt[0]);
+    if (status.ok()) {
+        status = window->Open(site.target + kPatchSize - 1, 1, site.pageProt[1]);
+    }
+    return status;
+}
+
+HookStatus HookEngine::InstallFirstHook(Site& site, uintptr_t replacement, void** orig,
+                                        void** stub) {
+    uintptr_t relay = 0;
+    HookStatus status = AcquireRelay(site, &relay);
+    if (!status.ok()) {
+        return status;
+    }
+    // Made before the pause: until Resume() nothing may allocate (see ThreadPause).
+    HookRecord* record = NewRecord(site, replacement, relay);
+    CodeWindow islandWindow;
+    CodeWindow targetWindow;
+    status = islandWindow.Open(relay, kRelaySize, IslandAllocator::kIslandProt);
+    if (status.ok()) {
+        status = islandWindow.Open(site.entryRelay, kRelaySize, IslandAllocator::kIslandProt);
+    }
+    if (status.ok()) {
+        status = OpenTargetWindow(site, &targetWindow);
+    }
+    if (status.ok()) {
+        StoreSlot(SlotOf(relay), site.trampoline);  // the only hook: orig is the original
+    }
+    ThreadPause pause;
+    bool atomic = CanStoreCodeAtomically(site.target, kPatchSize);
+    bool needPause = site.redirectCount > 0 || !atomic;
+    if (status.ok() && needPause) {
+        status = pause.Pause(site.redirects, site.redirectCount);
+    }
+    if (!status.ok()) {
+        m_hooks.erase(record->id);
+        ReturnUnusedRelay(site, relay);
+        return status;
+    }
+    if (orig != nullptr) {
+        __atomic_store_n(orig, reinterpret_cast<void*>(relay), __ATOMIC_RELEASE);
+    }
+    StoreSlot(SlotOf(site.entryRelay), replacement);
+    WriteEntry(site.target, site.patch);
+    SyncCores();
+    pause.Resume();
+    targetWindow.Close();
+    islandWindow.Close();
+    site.patched = true;
+    site.chain.push_back(record);
+    *stub = reinterpret_cast<void*>(static_cast<uintptr_t>(record->id));
+    INLINEHOOK_LOGI("hooked %s -> %#lx, orig %#lx, stub %p: entry patched %s",
+                    Describe(site.target).c_str(), static_cast<unsigned long>(replacement),
+                    static_cast<unsigned long>(relay), *stub,
+                    needPause ? Format("with %zu other threads paused (%zu skipped)",
+                                       pause.pausedThreads(), pause.skippedThreads())
+                                    .c_str()
+                              : "by one atomic store");
+    return HookStatus::Ok();
+}
+
+HookStatus HookEngine::AddToChain(Site& site, uintptr_t replacement, void** orig, void** stub) {
+    if (m_mode == SHADOWHOOK_MODE_UNIQUE) {
+        return HookStatus::Error(SHADOWHOOK_ERRNO_HOOK_DUP,
+                                 Format("%s is already hooked and the engine is in unique mode",
+                                        Describe(site.target).c_str()));
+    }
+    for (const HookRecord* record : site.chain) {
+        if (record->replacement == replacement) {
+            return HookStatus::Error(
+                SHADOWHOOK_ERRNO_HOOK_DUP,
+                Format("%s is already hooked with the replacement %#lx; chaining it twice would "
+                       "make it run twice and overwrite its own orig entry",
+                       Describe(site.target).c_str(), static_cast<unsigned long>(replacement)));
+        }
+    }
+    uintptr_t relay = 0;
+    HookStatus status = AcquireRelay(site, &relay);
+    if (!status.ok()) {
+        return status;
+    }
+    CodeWindow window;
+    status = window.Open(relay, kRelaySize, IslandAllocator::kIslandProt);
+    if (status.ok()) {
+        status = window.Open(site.entryRelay, kRelaySize, IslandAllocator::kIslandProt);
+    }
+    if (!status.ok()) {
+        ReturnUnusedRelay(site, relay);
+        return status;
+    }
+    HookRecord* record = NewRecord(site, replacement, relay);
+    // The new relay leads to what ran first until now; it is the new hook's orig entry, published
+    // before the entry relay switches to the new replacement.
+    StoreSlot(SlotOf(relay), LoadSlot(SlotOf(site.entryRelay)));
+    if (orig != nullptr) {
+        __atomic_store_n(orig, reinterpret_cast<void*>(relay), __ATOMIC_RELEASE);
+    }
+    StoreSlot(SlotOf(site.entryRelay), replacement);
+    window.Close();
+    site.chain.push_back(record);
+    *stub = reinterpret_cast<void*>(static_cast<uintptr_t>(record->id));
+    INLINEHOOK_LOGI("hooked %s -> %#lx, orig %#lx, stub %p: chained as hook %zu",
+                    Describe(site.target).c_str(), static_cast<unsigned long>(replacement),
+                    static_cast<unsigned long>(relay), *stub, site.chain.size());
+    return HookStatus::Ok();
+}
+
+HookStatus HookEngine::Unhook(void* stub) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto found = m_hooks.find(static_cast<uint64_t>(reinterpret_cast<uintptr_t>(stub)));
+    if (found == m_hooks.end()) {
+        return HookStatus::Error(SHADOWHOOK_ERRNO_UNHOOK_NOTFOUND,
+                                 Format("no hook has the stub %p (never returned by a hook call, "
+                                        "or already unhooked)",
+                                        stub));
+    }
+    HookRecord& record = *found->second;
+    Site& site = *record.site;
+    size_t index = static_cast<size_t>(std::find(site.chain.begin(), site.chain.end(), &record) -
+                                       site.chain.begin());
+    bool newest = index + 1 == site.chain.size();
+    bool last = site.chain.size() == 1;
+
+    CodeWindow islandWindow;
+    CodeWindow targetWindow;
+    HookStatus status = islandWindow.Open(record.relay, kRelaySize, IslandAllocator::kIslandProt);
+    if (status.ok()) {
+        status = islandWindow.Open(newest ? site.entryRelay : site.chain[index + 1]->relay,
+                                   kRelaySize, IslandAllocator::kIslandProt);
+    }
+    ThreadPause pause;
+    bool needPause = last && !CanStoreCodeAtomically(site.target, kPatchSize);
+    if (status.ok() && last) {
+        status = OpenTargetWindow(site, &targetWindow);
+    }
+    if (status.ok() && needPause) {
+        status = pause.Pause(nullptr, 0);
+    }
+    if (!status.ok()) {
+        return status;  // nothing changed
+    }
+    // What ran after this hook (the previous hook's replacement, or the trampoline) now runs
+    // after the hook before it in the chain, or first.
+    // The removed hook's own relay keeps leading there too: a thread still inside the removed
+    // replacement finishes its call through the chain as it was when the call began.
+    uintptr_t next = LoadSlot(SlotOf(record.relay));
+    StoreSlot(newest ? SlotOf(site.entryRelay) : SlotOf(site.chain[index + 1]->relay), next);
+    if (last) {
+        WriteEntry(site.target, site.original);
+        SyncCores();
+    }
+    pause.Resume();
+    targetWindow.Close();
+    islandWindow.Close();
+
+    if (last) {
+        site.patched = false;
+    }
+    site.chain.erase(site.chain.begin() + static_cast<std::ptrdiff_t>(index));
+    site.retiredRelays.emplace_back(record.relay, std::chrono::steady_clock::now());
+    INLINEHOOK_LOGI(
+        "unhooked stub %p from %s: %s", stub, Describe(site.target).c_str(),
+        last ? "original bytes restored" : Format("%zu hooks remain", site.chain.size()).c_str());
+    m_hooks.erase(found);
+    return HookStatus::Ok();
+}
+
+HookEngine::Statistics HookEngine::GetStatistics() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Statistics statistics;
+    statistics.sites = m_sites.size();
+    statistics.liveHooks = m_hooks.size();
+    statistics.islands = m_islands.islandCount();
+    statistics.islandBytes = m_islands.bytesInUse();
+    statistics.relaysAllocated = m_relaysAllocated;
+    for (const auto& [address, site] : m_sites) {
+        statistics.relaysRetired += site->retiredRelays.size();
+    }
+    return statistics;
+}
+
+void HookEngine::SetRelayGracePeriod(std::chrono::milliseconds period) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_relayGracePeriod = period;
+}
+
+}  // namespace corvane::inlinehook

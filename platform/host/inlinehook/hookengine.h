@@ -1,0 +1,114 @@
+// The engine behind the ShadowHook C API on x86-64 Linux.
+//
+// Every hooked address is a *site*: its first 5 bytes become `jmp rel32` to the site's entry
+// relay, an indirect jump through an 8-byte slot (`jmp [rip+2]`) holding the newest replacement.
+// The site's trampoline runs the displaced instructions and jumps back. Every hook owns a relay of
+// the same shape; that relay is the hook's orig entry and its slot holds what runs next: the
+// previous hook's replacement, or the trampoline for the oldest hook. The chain order is thus fixed
+// in the slots, and adding or removing a hook anywhere in it retargets one slot with one atomic
+// store. Only the first hook of a site and the removal of its last one rewrite the function.
+//
+// Memory: a site (entry relay + trampoline) is built once per function and reused by every later
+// hook of it for as long as its bytes and symbol stay the same. The relay of a removed hook keeps
+// leading where it led (a thread still inside the removed replacement finishes its call through
+// the chain as it was) and serves a later hook of the same function once it has been retired for
+// the grace period; a very late caller of a stale orig entry thus still reaches this function's
+// chain, never another function.
+// Memory is therefore bounded by the functions ever hooked, the hooks alive, and the hooks removed
+// within the grace period. Nothing is ever unmapped.
+//
+// Thread safety: one mutex serialises hook and unhook calls. Threads running the hooked functions
+// are never stopped except while a function's entry is rewritten and the displaced instructions
+// are more than one, or the 5 bytes straddle a cache line (see ThreadPause).
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <chrono>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "hookstatus.h"
+#include "islandallocator.h"
+#include "shadowhook.h"
+#include "threadpause.h"
+
+namespace corvane::inlinehook {
+
+class CodeWindow;
+
+class HookEngine {
+  public:
+    static HookEngine& Instance();
+
+    HookStatus Initialise(shadowhook_mode_t mode);
+    HookStatus Hook(uintptr_t target, uintptr_t replacement, void** orig, void** stub);
+    HookStatus Unhook(void* stub);
+
+    struct Statistics {
+        size_t sites = 0;  // functions with a trampoline, hooked now or before
+        size_t liveHooks = 0;
+        size_t islands = 0;
+        size_t islandBytes = 0;      // handed out from the islands
+        size_t relaysAllocated = 0;  // per-hook relays ever carved (recycled ones not recounted)
+        size_t relaysRetired = 0;    // waiting for reuse
+    };
+    Statistics GetStatistics();
+    // How long the relay of a removed hook waits before it serves another hook.
+    void SetRelayGracePeriod(std::chrono::milliseconds period);
+
+    static constexpr std::chrono::milliseconds kDefaultRelayGracePeriod{5000};
+
+  private:
+    struct Site;
+    struct HookRecord {
+        uint64_t id = 0;
+        Site* site = nullptr;
+        uintptr_t replacement = 0;
+        uintptr_t relay = 0;
+    };
+    struct Site {
+        uintptr_t target = 0;
+        size_t regionLength = 0;
+        uint8_t original[32] = {};  // the displaced bytes as found
+        uint8_t patch[8] = {};
+        uintptr_t entryRelay = 0;
+        uintptr_t trampoline = 0;
+        PauseRedirect redirects[ThreadPause::kMaxRedirects] = {};
+        size_t redirectCount = 0;
+        int pageProt[2] = {};  // protection of the pages of the first and the fifth byte
+        uintptr_t objectBase = 0;
+        uintptr_t symbolStart = 0;
+        uintptr_t symbolEnd = 0;
+        bool patched = false;
+        std::vector<HookRecord*> chain;  // oldest first
+        std::deque<std::pair<uintptr_t, std::chrono::steady_clock::time_point>> retiredRelays;
+    };
+
+    HookStatus BuildSite(uintptr_t target, std::unique_ptr<Site>* site);
+    bool SiteStillMatches(const Site& site) const;
+    HookStatus CheckOverlap(uintptr_t target, size_t length) const;
+    HookStatus AcquireRelay(Site& site, uintptr_t* relay);
+    void ReturnUnusedRelay(Site& site, uintptr_t relay);
+    HookStatus OpenTargetWindow(const Site& site, CodeWindow* window) const;
+    HookStatus InstallFirstHook(Site& site, uintptr_t replacement, void** orig, void** stub);
+    HookStatus AddToChain(Site& site, uintptr_t replacement, void** orig, void** stub);
+    HookRecord* NewRecord(Site& site, uintptr_t replacement, uintptr_t relay);
+
+    std::mutex m_mutex;
+    shadowhook_mode_t m_mode = SHADOWHOOK_MODE_SHARED;
+    IslandAllocator m_islands;
+    std::map<uintptr_t, std::unique_ptr<Site>> m_sites;
+    std::unordered_map<uint64_t, std::unique_ptr<HookRecord>> m_hooks;
+    uint64_t m_nextId = 1;
+    size_t m_relaysAllocated = 0;
+    std::chrono::milliseconds m_relayGracePeriod = kDefaultRelayGracePeriod;
+};
+
+}  // namespace corvane::inlinehook

@@ -1,0 +1,45 @@
+// Executable memory for relays and trampolines, placed within rel32 reach (±2 GiB) of the code
+// that jumps into it.
+//
+// Islands are 64 KiB anonymous mappings, read+execute; the engine makes a page writable only
+// while it writes (CodeWindow). Blocks are handed out by bumping and never returned: a thread may
+// still run a trampoline long after its hook is gone, so nothing here is ever unmapped. The engine
+// bounds the total by reusing a function's trampoline for every later hook of the same function
+// and by recycling per-hook relays (see HookEngine).
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <vector>
+
+#include "hookstatus.h"
+
+namespace corvane::inlinehook {
+
+class IslandAllocator {
+  public:
+    static constexpr size_t kIslandSize = 64 * 1024;
+    // Farthest a block may lie from the address it serves, with room to spare for the few bytes
+    // between a jump and the end of its block.
+    static constexpr uintptr_t kReach = 0x7fff0000;
+    static constexpr int kIslandProt = 0x1 | 0x4;  // PROT_READ | PROT_EXEC
+
+    // A 16-byte aligned block of `size` bytes wholly within kReach of `near`.
+    HookStatus Allocate(uintptr_t near, size_t size, uintptr_t* block);
+    bool Contains(uintptr_t address) const;
+
+    size_t islandCount() const { return m_islands.size(); }
+    size_t bytesInUse() const;
+
+  private:
+    struct Island {
+        uintptr_t base;
+        size_t used;
+    };
+    HookStatus MapIslandNear(uintptr_t near, size_t size, Island* island);
+
+    std::vector<Island> m_islands;
+};
+
+}  // namespace corvane::inlinehook

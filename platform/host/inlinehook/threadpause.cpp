@@ -1,0 +1,391 @@
+#include "threadpause.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <linux/futex.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <ucontext.h>
+#include <unistd.h>
+
+#include <atomic>
+
+namespace corvane::inlinehook {
+
+static_assert(ThreadPause::kSignal == SIGURG, "the pause signal is SIGURG");
+
+namespace {
+
+// High half of si_value in our SIGURGs; the low half is the pause generation.
+constexpr uint64_t kMagic = 0xc0a7e5e1ULL;
+constexpr int64_t kNanosPerMilli = 1000 * 1000;
+// How long a round of waiting sleeps before looking again, when to re-examine threads that have
+// not answered (gone? blocking SIGURG? signal lost to a merge with someone else's SIGURG?), and
+// when to give up.
+constexpr int64_t kPollNanos = 2 * kNanosPerMilli;
+constexpr int64_t kRecheckNanos = 10 * kNanosPerMilli;
+constexpr int64_t kDeadlineNanos = 2000 * kNanosPerMilli;
+
+// State shared with the signal handler: statics only, touched with atomics.
+struct Shared {
+    std::atomic<uint32_t> active{0};    // generation being paused, 0 when none
+    std::atomic<uint32_t> released{0};  // futex word: last generation released
+    std::atomic<uint32_t> answers{0};   // futex word: bumped by every paused thread
+    std::atomic<size_t> threadCount{0};
+    std::atomic<pid_t> tids[ThreadPause::kMaxThreads];
+    std::atomic<uint32_t> answeredGeneration[ThreadPause::kMaxThreads];
+    std::atomic<size_t> redirectCount{0};
+    PauseRedirect redirects[ThreadPause::kMaxRedirects];
+};
+Shared g_shared;
+
+// What the pausing thread knows of each listed thread. Pauses are serialised by the engine's
+// mutex, so this needs no synchronisation.
+enum class ThreadState : uint8_t { Waiting, Paused, Gone, Skipped };
+ThreadState g_states[ThreadPause::kMaxThreads];
+uint32_t g_lastGeneration = 0;
+
+struct sigaction g_previousAction;
+std::atomic<bool> g_handlerInstalled{false};
+
+long Futex(std::atomic<uint32_t>* word, int op, uint32_t value, const timespec* timeout) {
+    return syscall(SYS_futex, reinterpret_cast<uint32_t*>(word), op, value, timeout, nullptr, 0);
+}
+
+int64_t NowNanos() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 * kNanosPerMilli + now.tv_nsec;
+}
+
+pid_t CurrentTid() {
+    return static_cast<pid_t>(syscall(SYS_gettid));
+}
+
+void ForwardToPrevious(int signal, siginfo_t* info, void* context) {
+    if ((g_previousAction.sa_flags & SA_SIGINFO) != 0) {
+        if (g_previousAction.sa_sigaction != nullptr) {
+            g_previousAction.sa_sigaction(signal, info, context);
+        }
+    } else if (g_previousAction.sa_handler != SIG_DFL && g_previousAction.sa_handler != SIG_IGN) {
+        g_previousAction.sa_handler(signal);
+    }
+}
+
+// Async-signal-safe: atomics, gettid and futex only.
+void OnPauseSignal(int signal, siginfo_t* info, void* context) {
+    uint64_t value = reinterpret_cast<uintptr_t>(info->si_value.sival_ptr);
+    if (info->si_code != SI_QUEUE || info->si_pid != getpid() || (value >> 32) != kMagic) {
+        ForwardToPrevious(signal, info, context);
+        return;
+    }
+    int savedErrno = errno;
+    uint32_t generation = static_cast<uint32_t>(value);
+    if (g_shared.active.load(std::memory_order_acquire) == generation) {
+        auto* ucontext = static_cast<ucontext_t*>(context);
+        greg_t& rip = ucontext->uc_mcontext.gregs[REG_RIP];
+        size_t redirects = g_shared.redirectCount.load(std::memory_order_acquire);
+        for (size_t i = 0; i < redirects; ++i) {
+            if (static_cast<uintptr_t>(rip) == g_shared.redirects[i].from) {
+                rip = static_cast<greg_t>(g_shared.redirects[i].to);
+                break;
+            }
+        }
+        pid_t self = CurrentTid();
+        size_t count = g_shared.threadCount.load(std::memory_order_acquire);
+        for (size_t i = 0; i < count; ++i) {
+            if (g_shared.tids[i].load(std::memory_order_relaxed) == self) {
+                g_shared.answeredGeneration[i].store(generation, std::memory_order_release);
+                break;
+            }
+        }
+        g_shared.answers.fetch_add(1, std::memory_order_release);
+        Futex(&g_shared.answers, FUTEX_WAKE_PRIVATE, 1, nullptr);
+        for (;;) {
+            uint32_t released = g_shared.released.load(std::memory_order_acquire);
+            if (static_cast<int32_t>(released - generation) >= 0) {
+                break;
+            }
+            Futex(&g_shared.released, FUTEX_WAIT_PRIVATE, released, nullptr);
+        }
+    }
+    errno = savedErrno;
+}
+
+bool SendPauseSignal(pid_t pid, pid_t tid, uint32_t generation) {
+    siginfo_t info;
+    memset(&info, 0, sizeof(info));
+    info.si_signo = ThreadPause::kSignal;
+    info.si_code = SI_QUEUE;
+    info.si_pid = pid;
+    info.si_uid = getuid();
+    info.si_value.sival_ptr = reinterpret_cast<void*>((kMagic << 32) | generation);
+    return syscall(SYS_rt_tgsigqueueinfo, pid, tid, ThreadPause::kSignal, &info) == 0;
+}
+
+bool ThreadExists(pid_t pid, pid_t tid) {
+    return syscall(SYS_tgkill, pid, tid, 0) == 0 || errno != ESRCH;
+}
+
+// Writes "/proc/self/task/<tid>/status" into `path` without allocating.
+void StatusPath(pid_t tid, char* path, size_t size) {
+    static const char kPrefix[] = "/proc/self/task/";
+    static const char kSuffix[] = "/status";
+    char digits[16];
+    size_t count = 0;
+    for (unsigned value = static_cast<unsigned>(tid); value != 0 || count == 0; value /= 10) {
+        digits[count++] = static_cast<char>('0' + value % 10);
+    }
+    size_t length = 0;
+    for (const char* c = kPrefix; *c != '\0' && length + 1 < size; ++c) {
+        path[length++] = *c;
+    }
+    while (count > 0 && length + 1 < size) {
+        path[length++] = digits[--count];
+    }
+    for (const char* c = kSuffix; *c != '\0' && length + 1 < size; ++c) {
+        path[length++] = *c;
+    }
+    path[length] = '\0';
+}
+
+// Whether the thread blocks SIGURG (its "SigBlk:" mask in /proc), without allocating.
+bool BlocksPauseSignal(pid_t tid) {
+    char path[64];
+    StatusPath(tid, path, sizeof(path));
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    char text[8192];
+    ssize_t length = 0;
+    for (ssize_t got; length < static_cast<ssize_t>(sizeof(text)) - 1 &&
+                      (got = read(fd, text + length, sizeof(text) - 1 - length)) > 0;) {
+        length += got;
+    }
+    close(fd);
+    text[length > 0 ? length : 0] = '\0';
+    const char* field = strstr(text, "\nSigBlk:");
+    if (field == nullptr) {
+        return false;
+    }
+    uint64_t mask = 0;
+    for (const char* c = field + 8; *c != '\0' && *c != '\n'; ++c) {
+        int digit = (*c >= '0' && *c <= '9')   ? *c - '0'
+                    : (*c >= 'a' && *c <= 'f') ? *c - 'a' + 10
+                                               : -1;
+        if (digit >= 0) {
+            mask = (mask << 4) | static_cast<uint64_t>(digit);
+        }
+    }
+    return (mask & (1ULL << (ThreadPause::kSignal - 1))) != 0;
+}
+
+struct LinuxDirent64 {
+    uint64_t inode;
+    int64_t offset;
+    unsigned short recordLength;
+    unsigned char type;
+    char name[1];
+};
+
+// Calls visit(tid) for every thread of the process, without allocating.
+template <typename Visit>
+bool ForEachThread(Visit visit) {
+    int fd = open("/proc/self/task", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    alignas(8) char buffer[4096];
+    for (;;) {
+        long count = syscall(SYS_getdents64, fd, buffer, sizeof(buffer));
+        if (count <= 0) {
+            break;
+        }
+        for (long position = 0; position < count;) {
+            const auto* entry = reinterpret_cast<const LinuxDirent64*>(buffer + position);
+            position += entry->recordLength;
+            pid_t tid = 0;
+            const char* c = entry->name;
+            for (; *c >= '0' && *c <= '9'; ++c) {
+                tid = tid * 10 + (*c - '0');
+            }
+            if (*c == '\0' && tid > 0) {
+                visit(tid);
+            }
+        }
+    }
+    close(fd);
+    return true;
+}
+
+}  // namespace
+
+HookStatus ThreadPause::InstallHandler() {
+    if (g_handlerInstalled.load(std::memory_order_acquire)) {
+        return HookStatus::Ok();
+    }
+    struct sigaction action;
+    memset(&action, 0, sizeof(action));
+    action.sa_sigaction = OnPauseSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_SIGINFO | SA_RESTART | SA_ONSTACK;
+    if (sigaction(kSignal, &action, &g_previousAction) != 0) {
+        return HookStatus::Error(SHADOWHOOK_ERRNO_INIT_ERRNO,
+                                 Format("sigaction(SIGURG) failed: %s", strerror(errno)));
+    }
+    g_handlerInstalled.store(true, std::memory_order_release);
+    return HookStatus::Ok();
+}
+
+HookStatus ThreadPause::Pause(const PauseRedirect* redirects, size_t count) {
+    struct sigaction current;
+    if (count > kMaxRedirects || sigaction(kSignal, nullptr, &current) != 0 ||
+        (current.sa_flags & SA_SIGINFO) == 0 || current.sa_sigaction != OnPauseSignal) {
+        return HookStatus::Error(SHADOWHOOK_ERRNO_HOOK_ENTER,
+                                 "the SIGURG handler the engine pauses threads with has been "
+                                 "replaced by someone else");
+    }
+    uint32_t generation = ++g_lastGeneration;
+    if (generation == 0) {
+        generation = ++g_lastGeneration;
+    }
+    for (size_t i = 0; i < count; ++i) {
+        g_shared.redirects[i] = redirects[i];
+    }
+    g_shared.redirectCount.store(count, std::memory_order_release);
+    g_shared.threadCount.store(0, std::memory_order_release);
+    g_shared.active.store(generation, std::memory_order_release);
+    m_generation = generation;
+    m_active = true;
+    m_paused = 0;
+    m_skipped = 0;
+
+    // From here until Resume() nothing may allocate: a paused thread may hold malloc's lock.
+    enum class Failure { None, CannotList, TooManyThreads, NoAnswer };
+    Failure failure = Failure::None;
+    pid_t silent = 0;
+    const pid_t pid = getpid();
+    const pid_t self = CurrentTid();
+    const int64_t deadline = NowNanos() + kDeadlineNanos;
+    size_t known = 0;
+    // List the threads and signal the new ones, wait until every one has answered, and list
+    // again until no new thread shows up: one created meanwhile would otherwise run unpaused.
+    while (failure == Failure::None) {
+        size_t before = known;
+        bool listed = ForEachThread([&](pid_t tid) {
+            if (tid == self) {
+                return;
+            }
+            for (size_t i = 0; i < known; ++i) {
+                if (g_shared.tids[i].load(std::memory_order_relaxed) == tid) {
+                    return;
+                }
+            }
+            if (known == kMaxThreads) {
+                failure = Failure::TooManyThreads;
+                return;
+            }
+            g_shared.tids[known].store(tid, std::memory_order_relaxed);
+            g_shared.answeredGeneration[known].store(0, std::memory_order_relaxed);
+            g_states[known] = ThreadState::Waiting;
+            g_shared.threadCount.store(++known, std::memory_order_release);
+            if (!SendPauseSignal(pid, tid, generation)) {
+                g_states[known - 1] = ThreadState::Gone;
+            }
+        });
+        if (!listed) {
+            failure = Failure::CannotList;
+        }
+        if (failure != Failure::None || known == before) {
+            break;
+        }
+        int64_t lastCheck = NowNanos();
+        for (;;) {
+            uint32_t seen = g_shared.answers.load(std::memory_order_acquire);
+            bool waiting = false;
+            for (size_t i = 0; i < known; ++i) {
+                if (g_states[i] == ThreadState::Waiting) {
+                    if (g_shared.answeredGeneration[i].load(std::memory_order_acquire) ==
+                        generation) {
+                        g_states[i] = ThreadState::Paused;
+                    } else {
+                        waiting = true;
+                    }
+                }
+            }
+            if (!waiting) {
+                break;
+            }
+            int64_t now = NowNanos();
+            if (now >= deadline) {
+                for (size_t i = 0; i < known && silent == 0; ++i) {
+                    if (g_states[i] == ThreadState::Waiting) {
+                        silent = g_shared.tids[i].load(std::memory_order_relaxed);
+                    }
+                }
+                failure = Failure::NoAnswer;
+                break;
+            }
+            if (now - lastCheck >= kRecheckNanos) {
+                lastCheck = now;
+                for (size_t i = 0; i < known; ++i) {
+                    if (g_states[i] != ThreadState::Waiting) {
+                        continue;
+                    }
+                    pid_t tid = g_shared.tids[i].load(std::memory_order_relaxed);
+                    if (!ThreadExists(pid, tid)) {
+                        g_states[i] = ThreadState::Gone;
+                    } else if (BlocksPauseSignal(tid)) {
+                        g_states[i] = ThreadState::Skipped;
+                    } else {
+                        SendPauseSignal(pid, tid, generation);
+                    }
+                }
+            }
+            timespec timeout{0, kPollNanos};
+            Futex(&g_shared.answers, FUTEX_WAIT_PRIVATE, seen, &timeout);
+        }
+    }
+    for (size_t i = 0; i < known; ++i) {
+        m_paused += g_states[i] == ThreadState::Paused ? 1 : 0;
+        m_skipped += g_states[i] == ThreadState::Skipped ? 1 : 0;
+    }
+    if (failure == Failure::None) {
+        return HookStatus::Ok();
+    }
+    Resume();
+    switch (failure) {
+        case Failure::CannotList:
+            return HookStatus::Error(
+                SHADOWHOOK_ERRNO_HOOK_ENTER,
+                Format("cannot list the threads in /proc/self/task: %s", strerror(errno)));
+        case Failure::TooManyThreads:
+            return HookStatus::Error(
+                SHADOWHOOK_ERRNO_HOOK_ENTER,
+                Format("the process has more than %zu threads to pause", kMaxThreads));
+        default:
+            return HookStatus::Error(
+                SHADOWHOOK_ERRNO_HOOK_ENTER,
+                Format("thread %d did not answer SIGURG within %lld ms (stopped, or stuck in the "
+                       "kernel?)",
+                       static_cast<int>(silent),
+                       static_cast<long long>(kDeadlineNanos / kNanosPerMilli)));
+    }
+}
+
+void ThreadPause::Resume() {
+    if (!m_active) {
+        return;
+    }
+    m_active = false;
+    g_shared.released.store(m_generation, std::memory_order_release);
+    Futex(&g_shared.released, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr);
+    g_shared.active.store(0, std::memory_order_release);
+    g_shared.redirectCount.store(0, std::memory_order_release);
+}
+
+}  // namespace corvane::inlinehook

@@ -1,0 +1,186 @@
+// Hooks installed and removed thousands of times while other threads call the function in a
+// tight loop: no caller may crash or see anything but the original or the replacement result.
+// The targets cover each way the engine writes an entry: with the other threads paused (several
+// displaced instructions, or 5 bytes straddling a cache line) and by one atomic store.
+#include <math.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/inlinehook/inlinehooktest.h"
+
+namespace {
+
+using inlinehooktest::Bytes;
+using inlinehooktest::Symbol;
+
+using Unary = double (*)(double);
+using IntFunction = int (*)(int);
+
+void* g_unaryOrig = nullptr;
+double UnaryReplacement(double x) {
+    return inlinehooktest::Orig<Unary>(&g_unaryOrig)(x) + 1000.0;
+}
+void* g_intOrig = nullptr;
+int IntReplacement(int x) {
+    return inlinehooktest::Orig<IntFunction>(&g_intOrig)(x) * 2;
+}
+
+struct Target {
+    const char* library;  // null: the hand-written test library
+    const char* symbol;
+    bool integer;
+};
+
+// Names the case in test listings.
+void PrintTo(const Target& target, std::ostream* out) {
+    *out << target.symbol;
+}
+
+constexpr int kCycles = 2000;
+constexpr int kCallers = 2;
+constexpr int kInputs = 64;
+
+class HookConcurrencyTest : public ::testing::TestWithParam<Target> {
+  protected:
+    void SetUp() override { inlinehooktest::InitShared(); }
+};
+
+TEST_P(HookConcurrencyTest, CallersSeeTheOriginalOrTheReplacementWhileHooksToggle) {
+    const Target& target = GetParam();
+    std::string library =
+        target.library != nullptr ? target.library : inlinehooktest::TestLibrary();
+    void* address = Symbol(library.c_str(), target.symbol);
+    ASSERT_NE(nullptr, address);
+
+    // Expected results, computed before any hook.
+    auto call = [&](int i) -> double {
+        return target.integer ? reinterpret_cast<IntFunction>(address)(i)
+                              : reinterpret_cast<Unary>(address)(0.37 * i - 3.0);
+    };
+    std::vector<double> original(kInputs), replaced(kInputs);
+    for (int i = 0; i < kInputs; ++i) {
+        original[i] = call(i);
+        replaced[i] = target.integer ? original[i] * 2 : original[i] + 1000.0;
+    }
+    const std::vector<uint8_t> before = Bytes(address);
+    void* replacement = target.integer ? reinterpret_cast<void*>(IntReplacement)
+                                       : reinterpret_cast<void*>(UnaryReplacement);
+    void** orig = target.integer ? &g_intOrig : &g_unaryOrig;
+
+    std::atomic<bool> stop{false};
+    std::atomic<long> calls{0};
+    std::atomic<long> wrong{0};
+    std::atomic<long> replacedSeen{0};
+    std::vector<std::thread> callers;
+    for (int t = 0; t < kCallers; ++t) {
+        callers.emplace_back([&]() {
+            while (!stop.load(std::memory_order_relaxed)) {
+                for (int i = 0; i < kInputs; ++i) {
+                    double result = call(i);
+                    if (result == replaced[i]) {
+                        replacedSeen.fetch_add(1, std::memory_order_relaxed);
+                    } else if (result != original[i]) {
+                        wrong.fetch_add(1, std::memory_order_relaxed);
+                    }
+                }
+                calls.fetch_add(kInputs, std::memory_order_relaxed);
+            }
+        });
+    }
+    // Lets the callers run between toggles, so every state is really met under load.
+    auto letCallersRun = [&]() {
+        long seen = calls.load();
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (calls.load() == seen && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::yield();
+        }
+    };
+
+    int failures = 0;
+    for (int cycle = 0; cycle < kCycles && failures == 0; ++cycle) {
+        void* stub = shadowhook_hook_sym_addr(address, replacement, orig);
+        if (stub == nullptr) {
+            ADD_FAILURE() << "cycle " << cycle << ": "
+                          << shadowhook_to_errmsg(shadowhook_get_errno());
+            ++failures;
+            break;
+        }
+        if (cycle % 8 == 0) {
+            letCallersRun();
+        }
+        failures += shadowhook_unhook(stub) != 0;
+        if (cycle % 8 == 4) {
+            letCallersRun();
+        }
+    }
+    stop = true;
+    for (std::thread& caller : callers) {
+        caller.join();
+    }
+    EXPECT_EQ(0, failures);
+    EXPECT_EQ(0, wrong.load());
+    EXPECT_GT(replacedSeen.load(), 0) << "the callers never ran while hooked";
+    EXPECT_GT(calls.load() - replacedSeen.load(), 0);
+    EXPECT_EQ(before, Bytes(address));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Targets, HookConcurrencyTest,
+    ::testing::Values(Target{"libm.so.6", "erf", false},       // push rbp first: threads paused
+                      Target{"libm.so.6", "cbrt", false},      // sub rsp; movapd: threads paused
+                      Target{"libm.so.6", "hypot", false},     // one instruction: atomic store
+                      Target{nullptr, "ih_cross_line", true},  // straddles a cache line
+                      Target{nullptr, "ih_single", true}),     // unaligned locked store
+    [](const ::testing::TestParamInfo<Target>& info) { return std::string(info.param.symbol); });
+
+// Shared mode under load: a permanent hook, and a second one chained on top and removed again
+// and again; the slot retargeting alone must keep every call consistent.
+void* g_outerOrig = nullptr;
+double OuterReplacement(double x) {
+    return inlinehooktest::Orig<Unary>(&g_outerOrig)(x) + 1.0;
+}
+
+TEST(HookConcurrencySharedChainTest, ChainedHookTogglesWhileCallersRun) {
+    inlinehooktest::InitShared();
+    void* address = Symbol("libm.so.6", "cbrt");
+    Unary function = reinterpret_cast<Unary>(address);
+    const double original = function(42.0);
+    void* base =
+        shadowhook_hook_sym_addr(address, reinterpret_cast<void*>(UnaryReplacement), &g_unaryOrig);
+    ASSERT_NE(nullptr, base);
+    std::atomic<bool> stop{false};
+    std::atomic<long> wrong{0};
+    std::atomic<long> outerSeen{0};
+    std::vector<std::thread> callers;
+    for (int t = 0; t < kCallers; ++t) {
+        callers.emplace_back([&]() {
+            while (!stop.load(std::memory_order_relaxed)) {
+                double result = function(42.0);
+                if (result == original + 1001.0) {
+                    outerSeen.fetch_add(1, std::memory_order_relaxed);
+                } else if (result != original + 1000.0) {
+                    wrong.fetch_add(1, std::memory_order_relaxed);
+                }
+            }
+        });
+    }
+    for (int cycle = 0; cycle < kCycles; ++cycle) {
+        void* outer = shadowhook_hook_sym_addr(address, reinterpret_cast<void*>(OuterReplacement),
+                                               &g_outerOrig);
+        ASSERT_NE(nullptr, outer);
+        ASSERT_EQ(0, shadowhook_unhook(outer));
+    }
+    stop = true;
+    for (std::thread& caller : callers) {
+        caller.join();
+    }
+    EXPECT_EQ(0, wrong.load());
+    EXPECT_EQ(0, shadowhook_unhook(base));
+    EXPECT_EQ(original, function(42.0));
+}
+
+}  // namespace

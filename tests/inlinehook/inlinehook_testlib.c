@@ -1,0 +1,61 @@
+// Functions whose machine code must be exactly so, written in assembly with ELF symbol sizes,
+// for the inline-hook tests. Each takes an int in edi and returns an int in eax.
+__asm__(
+    ".text\n"
+
+    // Three bytes long by its symbol size: too short for a 5-byte jump.
+    ".globl ih_tiny\n"
+    ".type ih_tiny, @function\n"
+    "ih_tiny:\n"
+    "    xorl %eax, %eax\n"
+    "    ret\n"
+    ".size ih_tiny, .-ih_tiny\n"
+
+    // A loop whose head is 2 bytes in: the jg at the end branches back into the displaced bytes.
+    ".balign 16\n"
+    ".globl ih_back_branch\n"
+    ".type ih_back_branch, @function\n"
+    "ih_back_branch:\n"
+    "    movl %edi, %eax\n"
+    "1:  addl $3, %eax\n"
+    "    decl %edi\n"
+    "    jg 1b\n"
+    "    ret\n"
+    ".size ih_back_branch, .-ih_back_branch\n"
+
+    // A loop back to the function's very first byte.
+    ".balign 16\n"
+    ".globl ih_entry_loop\n"
+    ".type ih_entry_loop, @function\n"
+    "ih_entry_loop:\n"
+    "    subl $1, %edi\n"
+    "    testl %edi, %edi\n"
+    "    jg ih_entry_loop\n"
+    "    movl %edi, %eax\n"
+    "    ret\n"
+    ".size ih_entry_loop, .-ih_entry_loop\n"
+
+    // Its first 5 bytes straddle a cache line (the entry sits 61 bytes into a line), so no
+    // atomic store can patch it; the displaced push/mov are several instructions.
+    ".balign 64\n"
+    ".skip 61, 0xcc\n"
+    ".globl ih_cross_line\n"
+    ".type ih_cross_line, @function\n"
+    "ih_cross_line:\n"
+    "    pushq %rbp\n"
+    "    movq %rsp, %rbp\n"
+    "    leal 7(%rdi,%rdi,2), %eax\n"
+    "    popq %rbp\n"
+    "    ret\n"
+    ".size ih_cross_line, .-ih_cross_line\n"
+
+    // One 6-byte instruction displaced, 5 bytes into a cache line: patched by a single
+    // unaligned locked store, no thread paused.
+    ".balign 64\n"
+    ".skip 5, 0xcc\n"
+    ".globl ih_single\n"
+    ".type ih_single, @function\n"
+    "ih_single:\n"
+    "    leal 0x12345(%rdi), %eax\n"
+    "    ret\n"
+    ".size ih_single, .-ih_single\n");

@@ -1,0 +1,91 @@
+// Reading /proc/<pid>/maps text and finding free address space within jump reach of code,
+// without taking the room the heap and the main stack grow into.
+#include "platform/host/inlinehook/memorymap.h"
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+
+namespace {
+
+using corvane::inlinehook::MappedRegion;
+using corvane::inlinehook::MemoryMap;
+
+constexpr uintptr_t kGiB = 1ULL << 30;
+constexpr uintptr_t kMiB = 1ULL << 20;
+
+const char kMaps[] =
+    "555555554000-555555556000 r--p 00000000 fe:01 1234   /usr/bin/camera\n"
+    "555555556000-555555558000 r-xp 00002000 fe:01 1234   /usr/bin/camera\n"
+    "555555558000-555555579000 rw-p 00000000 00:00 0      [heap]\n"
+    "7f0000000000-7f0000020000 r--p 00000000 fe:01 99     /usr/lib/libm.so.6\n"
+    "7f0000020000-7f0000080000 r-xp 00020000 fe:01 99     /usr/lib/libm.so.6\n"
+    "7f0000080000-7f0000090000 r--p 00080000 fe:01 99     /usr/lib/libm.so.6\n"
+    "7f00000a0000-7f00000b0000 rwxp 00000000 00:00 0 \n"
+    "7ffffffde000-7ffffffff000 rw-p 00000000 00:00 0      [stack]\n"
+    "garbage line\n";
+
+TEST(MemoryMapTest, ParsesRangesProtectionsAndNames) {
+    MemoryMap map;
+    map.Parse(kMaps);
+    ASSERT_EQ(8u, map.regions().size());
+    const MappedRegion* text = map.Find(0x7f0000030000);
+    ASSERT_NE(nullptr, text);
+    EXPECT_EQ(PROT_READ | PROT_EXEC, text->prot);
+    EXPECT_EQ("/usr/lib/libm.so.6", text->name);
+    EXPECT_EQ(PROT_READ | PROT_WRITE | PROT_EXEC, map.Find(0x7f00000a0000)->prot);
+    EXPECT_EQ("", map.Find(0x7f00000a0000)->name);
+    EXPECT_EQ("[heap]", map.Find(0x555555558000)->name);
+    EXPECT_EQ(nullptr, map.Find(0x7f0000090000)) << "end is exclusive";
+    EXPECT_EQ(nullptr, map.Find(0x1000));
+    // Readable code runs on through the adjacent read-only mapping, and stops at the hole.
+    EXPECT_EQ(0x7f0000090000u, map.ReadableEnd(0x7f0000030000));
+    EXPECT_EQ(0u, map.ReadableEnd(0x7f0000095000));
+}
+
+TEST(MemoryMapTest, FreeBlocksLieWithinReachNearestFirstAndLeaveRoomToGrow) {
+    MemoryMap map;
+    map.Parse(kMaps);
+    const size_t size = 64 * 1024;
+    struct Case {
+        const char* name;
+        uintptr_t near;
+    } cases[] = {
+        {"library code", 0x7f0000030000},
+        {"executable code next to the heap", 0x555555557000},
+        {"code just below the stack", 0x7fffe0000000},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<uintptr_t> blocks = map.FreeBlocksNear(c.near, size, 2 * kGiB - 64 * 1024);
+        ASSERT_FALSE(blocks.empty());
+        uintptr_t previousDistance = 0;
+        for (uintptr_t block : blocks) {
+            EXPECT_EQ(0u, block % 4096);
+            uintptr_t distance = block > c.near ? block + size - c.near : c.near - block;
+            EXPECT_LE(distance, 2 * kGiB);
+            EXPECT_GE(distance + size, previousDistance) << "nearest first";
+            previousDistance = distance;
+            for (const MappedRegion& region : map.regions()) {
+                EXPECT_TRUE(block + size <= region.start || block >= region.end)
+                    << std::hex << block << " overlaps " << region.start;
+            }
+            EXPECT_FALSE(block >= 0x555555579000 && block < 0x555555579000 + 256 * kMiB)
+                << "inside the heap's growth room";
+            EXPECT_FALSE(block + size > 0x7ffffffde000 - 256 * kMiB && block < 0x7ffffffde000)
+                << "inside the stack's growth room";
+        }
+    }
+    // Right below the library is the nearest free space.
+    std::vector<uintptr_t> nearLibrary = map.FreeBlocksNear(0x7f0000030000, size, 2 * kGiB);
+    EXPECT_EQ(0x7f0000000000u - size, nearLibrary.front());
+}
+
+TEST(MemoryMapTest, LoadsThisProcess) {
+    MemoryMap map;
+    ASSERT_TRUE(map.Load().ok());
+    const MappedRegion* code = map.Find(reinterpret_cast<uintptr_t>(&mmap));
+    ASSERT_NE(nullptr, code);
+    EXPECT_NE(0, code->prot & PROT_EXEC);
+}
+
+}  // namespace
