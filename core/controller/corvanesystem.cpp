@@ -69,7 +69,7 @@ int CorvaneSystemImpl::Initialize() {
         } while (false);
     }
     if (IsEnabled(SUBMODULE_VXCDB)) {
-        m_pServer = Server::Create({kServerBacklog, this, kSocketPath});
+        m_pServer = Server::Create({kServerBacklog, this, DevicePath(kSocketPath)});
     }
     if (IsEnabled(SUBMODULE_MONITR)) {
         m_pMonitor = Monitor::Create();
@@ -93,12 +93,14 @@ int CorvaneSystemImpl::InitilizeHook(HookOperation*) {
 }
 
 CorvaneSystemImpl::~CorvaneSystemImpl() {
-    std::lock_guard<std::recursive_mutex> lock(m_mutex);
-    // The server goes first so that no command can arrive while the rest is torn down.
+    // The server goes first so that no command can arrive while the rest is torn down. Its
+    // destruction waits for connection threads that may be inside ExecuteCommand, which takes
+    // m_mutex: so it runs before the lock is taken here, or the two would wait on each other.
     if (m_pServer != nullptr) {
         Server::Destroy(m_pServer);
         m_pServer = nullptr;
     }
+    std::lock_guard<std::recursive_mutex> lock(m_mutex);
     if (m_pHookOperation != nullptr) {
         HookOperation::Destroy(m_pHookOperation);
         m_pHookOperation = nullptr;

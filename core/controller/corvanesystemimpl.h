@@ -1,6 +1,7 @@
 // The controller: starts the sub-modules in a fixed order according to their switches, owns
 // them, forwards the host's calls to them and tears them down in a fixed order. Any sub-module
-// may be missing; every forward then gives its neutral result.
+// may be missing; every forward then gives its neutral result. It also answers the debug
+// channel's requests (ExecuteCommand) with text replies and tables.
 #pragma once
 
 #include <mutex>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "core/controller/corvanesystem.h"
+#include "vxcdbmessage.pb.h"
 
 class HookOperation;
 class Protection;
@@ -20,6 +22,16 @@ class CorvaneSystemImpl : public CorvaneSystem {
     static constexpr const char* kSocketPath = "/data/vendor/camera/vxcdb_socket";
     static constexpr const char* kHookCasePath = "/odm/etc/camera/corvanesystem_hook_case.json";
     static constexpr int kServerBacklog = 10;
+
+    // The usage text that "help" and every error reply carry (exact bytes, see the definition).
+    static const char kHelpText[];
+
+    // Result codes of ExecuteCommand and FormatSocketMsg.
+    static constexpr int kCommandOk = 0;
+    static constexpr int kReplyTooLarge = 4;
+    static constexpr int kNullFrame = 5;
+    // Result of a handler that answered with an error entry.
+    static constexpr int kCommandRejected = 4;
 
     CorvaneSystemImpl() = default;
     ~CorvaneSystemImpl() override;
@@ -39,7 +51,43 @@ class CorvaneSystemImpl : public CorvaneSystem {
     void RaiseSignal(int signal) override;
     void RecordProbeMessage(std::string message, bool result) override;
 
+    // Frames a reply: 0, or 4 (frame untouched) when it serialises to more than 4095 bytes.
+    int FormatSocketMsg(VXCDBMessage& message, VXCDBMessageString* frame);
+
+    // The reply convention: a "type" entry naming the kind of content, then keyed entries.
+    static void SetVXCDBMessageType(std::string type, VXCDBMessage& reply);
+    static int AddCommandResponse(VXCDBMessage& reply, const std::string& key,
+                                  const std::vector<std::string>& values);
+    // A "string" reply carrying the error and the help text.
+    static void BuildErrorResponse(VXCDBMessage& reply, std::string error);
+
   private:
+    friend class CorvaneSystemImplTestPeer;  // tests put a stand-in hook engine in place
+
+    // Command dispatch (corvanesystemcommand.cpp). Each handler appends its answer to `reply`
+    // and returns 0, or kCommandRejected after appending an error entry.
+    int HandleCorvaneCommand(const VXCDBMessage_CDBCmd& command, VXCDBMessage& reply);
+    int HandleDebugCommand(const VXCDBMessage_CDBCmd& command, VXCDBMessage& reply);
+    int HandleHelpCommand(std::vector<std::string> arguments, VXCDBMessage& reply);
+    int HandleSignalCommand(std::vector<std::string> arguments, VXCDBMessage& reply);
+    int HandleInjectCommand(std::vector<std::string> arguments, VXCDBMessage& reply);
+    int HandleStatusCommand(std::vector<std::string> arguments, VXCDBMessage& reply);
+    int HandleFirmwareCommand(std::vector<std::string> arguments, VXCDBMessage& reply);
+    int HandleKernelCommand(std::vector<std::string> arguments, VXCDBMessage& reply);
+    int HandleHookGroupCommand(const std::string& name, const std::vector<std::string>& arguments,
+                               VXCDBMessage& reply);
+    // Asks the camera stack over the message bus to dump its image-sensor module data.
+    void RequestImageSensorModuleDump(const std::vector<std::string>& arguments);
+
+    // Tables of the inject sub-commands (corvanesystemtables.cpp).
+    void SetQueryVXCDBMessage(VXCDBMessage& reply);
+    void SetResultVXCDBMessage(VXCDBMessage& reply);
+    void SetResultVXCDBMessage(std::string groupName, VXCDBMessage& reply);
+    void SetStatusVXCDBMessage(const std::string& groupName, VXCDBMessage& reply);
+    void SetStatusVXCDBMessage(int camModuleId, unsigned char subdevId, unsigned char interfaceId,
+                               VXCDBMessage& reply);
+    void ClearVXCDBMessage(VXCDBMessage& reply);
+
     std::vector<HookCase> m_hookCases;  // kept for layout; never filled by the controller
     int m_hookInitResult = -1;
     HookOperation* m_pHookOperation = nullptr;

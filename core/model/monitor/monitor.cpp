@@ -1,8 +1,9 @@
-// Placeholder until the probe monitor lands: no monitor is created.
 #include "core/model/monitor/monitor.h"
 
+#include "core/model/monitor/monitorimpl.h"
+
 Monitor* Monitor::Create() {
-    return nullptr;
+    return new MonitorImpl();
 }
 
 void Monitor::Destroy(Monitor* monitor) {

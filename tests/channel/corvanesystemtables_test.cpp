@@ -1,0 +1,157 @@
+// The commands that need the hook engine, through real frames on a real controller whose engine
+// is a stand-in: the tables they answer with and what they ask of the engine.
+#include "tests/channel/channeltestutil.h"
+
+namespace {
+
+using namespace channeltest;
+
+class EngineCommands : public ::testing::Test {
+  protected:
+    corvanetest::TestSysroot m_sysroot;
+    FakeHookOperation m_engine;
+    Controller m_controller{&m_engine};
+
+    Entries Inject(const std::vector<std::string>& arguments) {
+        return m_controller.Run({{"inject", arguments}});
+    }
+};
+
+TEST_F(EngineCommands, QueryAndResultListEveryRelationshipInEngineOrder) {
+    // Two groups sharing one case: one row per relationship, duplicates kept.
+    m_engine.AddRelation("g1", 1, "caseA", "hook_open", "<Successfully hooked>", true);
+    m_engine.AddRelation("g2", 1, "caseA", "hook_open", "<Successfully hooked>", true);
+    m_engine.AddRelation("g2", 2, "caseB", "hook_read");  // never installed
+
+    EXPECT_EQ(Inject({"query"}),
+              TableEntries("group name,hook case,hook name",
+                           {"g1,caseA,hook_open", "g2,caseA,hook_open", "g2,caseB,hook_read"}));
+    EXPECT_EQ(Inject({"result"}),
+              TableEntries("group name,hook case,hook name,result,executed",
+                           {"g1,caseA,hook_open,<Successfully hooked>,<executed>",
+                            "g2,caseA,hook_open,<Successfully hooked>,<executed>",
+                            "g2,caseB,hook_read,<unhook>,<not executed>"}));
+
+    m_engine.relations.clear();
+    EXPECT_EQ(Inject({"query"}), TableEntries("group name,hook case,hook name", {}));
+}
+
+TEST_F(EngineCommands, GroupResultShowsReadinessAndExecution) {
+    m_engine.readyGroups = {"ready", "both"};
+    m_engine.executedGroups = {"both"};
+    EXPECT_EQ(
+        Inject({"result", "ready", "ignored"}),
+        TableEntries("group name,result,executed", {"ready,<Successfully hooked>,<not executed>"}));
+    EXPECT_EQ(Inject({"result", "both"}), TableEntries("group name,result,executed",
+                                                       {"both,<Successfully hooked>,<executed>"}));
+    EXPECT_EQ(Inject({"result", "missing"}),
+              TableEntries("group name,result,executed", {"missing,<unhook>,<not executed>"}));
+}
+
+TEST_F(EngineCommands, ClearRemovesEveryInjectionFirst) {
+    EXPECT_EQ(Inject({"clear"}), TableEntries("result", {"<cleared>"}));
+    EXPECT_EQ(m_engine.unhookAllCalls, 1);
+}
+
+TEST_F(EngineCommands, HookGroupIsInjectedThenJudged) {
+    m_engine.readyAfterInject = {"sensor_group"};
+    Entries expected = {{"type", {"string"}}, {"message", {"Hook group executed successfully"}}};
+    Entries table = TableEntries("group name,result,executed",
+                                 {"sensor_group,<Successfully hooked>,<not executed>"});
+    expected.insert(expected.end(), table.begin(), table.end());
+    EXPECT_EQ(Inject({"sensor_group", "a1", "a2"}), expected);
+    ASSERT_EQ(m_engine.injected.size(), 1u);
+    EXPECT_EQ(m_engine.injected[0].first, "sensor_group");
+    EXPECT_EQ(m_engine.injected[0].second, (std::vector<std::string>{"a1", "a2"}));
+
+    // A name the engine does not know is injected (a no-op there) and stays not ready.
+    EXPECT_EQ(Inject({"no_such_group"}), ErrorEntries("Hook group not ready: no_such_group"));
+
+    m_engine.doHookGroupResult = 7;
+    EXPECT_EQ(Inject({"sensor_group"}), ErrorEntries("Hook failed with code: 7"));
+    m_engine.doHookGroupResult = -2;
+    EXPECT_EQ(Inject({"sensor_group"}), ErrorEntries("Hook failed with code: -2"));
+}
+
+TEST_F(EngineCommands, StatusOfOneAddress) {
+    m_engine.SetHookId("i2c_read", 2, 3);
+    m_engine.acks = {{"i2c_read", "0", "2", "3", "0x10"},
+                     {"i2c_read", "1", "2", "3", ""},
+                     {"other", "0", "2", "3", "0x01"}};
+    const std::string header = "hook name,camera id,sensor id,interface id,status";
+
+    EXPECT_EQ(Inject({"status", "1", "2", "3"}),
+              TableEntries(header, {"i2c_read,1,2,3,<unkonwn>"}));
+    EXPECT_EQ(m_engine.ackQueries.back(), (FakeHookOperation::AckQuery{"i2c_read", 1, 2, 3}));
+
+    // Two numbers: every camera module.
+    EXPECT_EQ(Inject({"status", "2", "3"}),
+              TableEntries(header, {"i2c_read,0,2,3,0x10", "i2c_read,1,2,3,<unkonwn>"}));
+    EXPECT_EQ(m_engine.ackQueries.back(), (FakeHookOperation::AckQuery{"i2c_read", -1, 2, 3}));
+
+    // Ids are bytes: 258 and 259 address sensor 2, interface 3.
+    EXPECT_EQ(Inject({"status", "0", "258", "259"}), TableEntries(header, {"i2c_read,0,2,3,0x10"}));
+
+    // Nothing found: what was asked, with the unknown cells marked.
+    EXPECT_EQ(Inject({"status", "5", "2", "3"}),
+              TableEntries(header, {"i2c_read,5,2,3,<not find>"}));
+    EXPECT_EQ(Inject({"status", "9", "9"}),
+              TableEntries(header, {"<unkonwn>,<unkonwn>,9,9,<not find>"}));
+}
+
+TEST_F(EngineCommands, StatusOfAGroupFollowsItsHooks) {
+    m_engine.AddRelation("g", 2, "caseB", "i2c_read");
+    m_engine.AddRelation("other", 4, "caseD", "spi_write");
+    m_engine.AddRelation("g", 3, "caseC", "i2c_write");
+    m_engine.AddRelation("g", 5, "caseE", "unnumbered");
+    m_engine.SetHookId("i2c_read", 2, 1);
+    m_engine.SetHookId("i2c_write", 3, 7);
+    m_engine.acks = {{"i2c_read", "0", "2", "1", "0x10"}, {"i2c_read", "1", "2", "1", "0x20"}};
+    const std::string header = "group name,hook name,camera id,sensor id,interface id,status";
+
+    EXPECT_EQ(Inject({"status", "g"}),
+              TableEntries(header, {
+                                       "g,i2c_read,0,2,1,0x10",
+                                       "g,i2c_read,1,2,1,0x20",
+                                       "g,i2c_write,<unkonwn>,3,7,<not find>",
+                                       "g,unnumbered,<unkonwn>,<unkonwn>,<unkonwn>,<not find>",
+                                   }));
+    EXPECT_EQ(Inject({"status", "empty"}),
+              TableEntries(header, {"empty,<unkonwn>,<unkonwn>,<unkonwn>,<unkonwn>,<not find>"}));
+}
+
+TEST_F(EngineCommands, FirmwareCommandIsHandedToTheEngine) {
+    EXPECT_EQ(Inject({"firmware", "1", "2", "3", "4", "delay", "100"}),
+              (Entries{{"type", {"string"}}, {"message", {"command executed successfully"}}}));
+    EXPECT_EQ(Inject({"firmware", "0", "255", "0", "9"}),
+              (Entries{{"type", {"string"}}, {"message", {"command executed successfully"}}}));
+    ASSERT_EQ(m_engine.processed.size(), 2u);
+    HookFw first;
+    first.cmd_id = 1;
+    first.cam_module_id = 2;
+    first.subdev_id = 3;
+    first.interface_id = 4;
+    first.param = "delay 100";
+    EXPECT_EQ(m_engine.processed[0], first);
+    EXPECT_EQ(m_engine.processed[1].cam_module_id, 255);
+    EXPECT_EQ(m_engine.processed[1].param, "");
+}
+
+TEST_F(EngineCommands, FirmwareNumbersOutOfRangeAreRefusedWithTheField) {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"3", "0", "0", "0"}, "cmd id must be 0 (inject), 1 (remove) or 2 (clear all), got '3'"},
+        {{"x", "0", "0", "0"}, "cmd id must be 0 (inject), 1 (remove) or 2 (clear all), got 'x'"},
+        {{"0", "256", "0", "0"}, "camera module id must be a number from 0 to 255, got '256'"},
+        {{"0", "0", "-1", "0"}, "subdevice id must be a number from 0 to 255, got '-1'"},
+        {{"0", "0", "0", "1.5"}, "interface id must be a number from 0 to 255, got '1.5'"},
+        {{"0", "0", "0", " 7"}, "interface id must be a number from 0 to 255, got ' 7'"},
+    };
+    for (const auto& [numbers, detail] : cases) {
+        std::vector<std::string> arguments = {"firmware"};
+        arguments.insert(arguments.end(), numbers.begin(), numbers.end());
+        EXPECT_EQ(Inject(arguments), ErrorEntries("Invalid firmware parameters: " + detail));
+    }
+    EXPECT_TRUE(m_engine.processed.empty());
+}
+
+}  // namespace

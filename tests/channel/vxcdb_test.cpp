@@ -1,0 +1,239 @@
+// The vxcdb program against a real server: what it prints and how it exits.
+#include <fcntl.h>
+#include <rapidjson/document.h>
+#include <sys/wait.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "core/server/server.h"
+#include "tests/channel/channeltestutil.h"
+
+namespace {
+
+using namespace channeltest;
+
+struct ToolRun {
+    int exitCode = -1;
+    std::string out, err;
+};
+
+std::string ReadAll(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+ToolRun RunVxcdb(const std::vector<std::string>& arguments) {
+    corvanetest::TempDir dir;
+    const std::string program = corvanetest::BinDir() + "/vxcdb";
+    const std::string outPath = dir / "out", errPath = dir / "err";
+    std::vector<char*> argv = {const_cast<char*>(program.c_str())};
+    for (const std::string& argument : arguments) {
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    }
+    argv.push_back(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(out, STDOUT_FILENO);
+        dup2(err, STDERR_FILENO);
+        execv(program.c_str(), argv.data());
+        _exit(127);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    ToolRun run;
+    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    run.out = ReadAll(outPath);
+    run.err = ReadAll(errPath);
+    return run;
+}
+
+// The server starts with the first run, after the test has set up the stand-in engine, and is
+// stopped before the test reads what the engine recorded: its threads are then finished.
+class VxcdbTool : public ::testing::Test {
+  protected:
+    ToolRun Run(std::vector<std::string> arguments) {
+        if (!m_server) {
+            m_server = StartServer(m_path, m_controller.get());
+            EXPECT_TRUE(WaitConnectable(m_path));
+        }
+        arguments.insert(arguments.begin(), {"--socket", m_path});
+        return RunVxcdb(arguments);
+    }
+    void StopServer() { m_server.reset(); }
+
+    corvanetest::TestSysroot m_sysroot;
+    corvanetest::TempDir m_dir;
+    std::string m_path = m_dir / "s";
+    FakeHookOperation m_engine;
+    Controller m_controller{&m_engine};
+    ServerPtr m_server{nullptr, &Server::Destroy};
+};
+
+TEST_F(VxcdbTool, HelpPrintsTheServiceUsage) {
+    ToolRun run = Run({"corvane", "--help"});
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(run.out, kExpectedHelp);
+    EXPECT_EQ(run.err, "");
+}
+
+TEST_F(VxcdbTool, TablesAreAlignedUnderTheirHeader) {
+    m_engine.AddRelation("sensor", 1, "probe_fail", "i2c_read");
+    m_engine.AddRelation("eeprom_group", 2, "crc", "eeprom_read_long_name");
+    ToolRun run = Run({"corvane", "--inject", "query"});
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(run.out,
+              " group name   hook case         hook name\n"
+              "------------  ----------  ---------------------\n"
+              "sensor        probe_fail  i2c_read\n"
+              "eeprom_group  crc         eeprom_read_long_name\n");
+}
+
+TEST_F(VxcdbTool, EmptyTableShowsItsHeader) {
+    ToolRun run = Run({"corvane", "--inject", "query"});
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(run.out,
+              "group name  hook case  hook name\n"
+              "----------  ---------  ---------\n"
+              "(no rows)\n");
+}
+
+TEST_F(VxcdbTool, SeveralOptionsAreOneRequestAnsweredInOrder) {
+    m_engine.readyAfterInject = {"g"};
+    ToolRun run = Run({"corvane", "--inject", "g", "arg one", "--inject", "clear"});
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(run.out,
+              "Hook group executed successfully\n"
+              "group name         result             executed\n"
+              "----------  ---------------------  --------------\n"
+              "g           <Successfully hooked>  <not executed>\n"
+              " result\n"
+              "---------\n"
+              "<cleared>\n");
+    StopServer();
+    ASSERT_EQ(m_engine.injected.size(), 1u);
+    EXPECT_EQ(m_engine.injected[0].second, (std::vector<std::string>{"arg one"}));
+}
+
+TEST_F(VxcdbTool, ErrorsGoToTheErrorStreamWithTheHelpOnce) {
+    ToolRun run = Run({"corvane", "--foo", "x", "--signal", "0", "--inject", "clear"});
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(run.out, " result\n---------\n<cleared>\n");
+    EXPECT_EQ(run.err,
+              "error: Unknown command: foo\n"
+              "error: Signal value is out of valid range (1-64)\n\n" +
+                  kExpectedHelp);
+}
+
+TEST_F(VxcdbTool, JsonIsForScripts) {
+    m_engine.AddRelation("g,1", 1, "c", "h");  // a comma in a cell adds a column
+    ToolRun run = Run({"--json", "corvane", "--inject", "query", "--signal", "0"});
+    EXPECT_EQ(run.exitCode, 1);
+    rapidjson::Document json;
+    ASSERT_FALSE(json.Parse(run.out.c_str()).HasParseError()) << run.out;
+    EXPECT_STREQ(json["module"].GetString(), "corvane");
+    EXPECT_STREQ(json["moduleType"].GetString(), "CORVANE");
+    EXPECT_FALSE(json["ok"].GetBool());
+    const auto& items = json["items"];
+    ASSERT_EQ(items.Size(), 2u);
+    EXPECT_STREQ(items[0]["type"].GetString(), "list");
+    EXPECT_EQ(items[0]["columns"].Size(), 3u);
+    ASSERT_EQ(items[0]["rows"].Size(), 1u);
+    EXPECT_EQ(items[0]["rows"][0].Size(), 4u);
+    EXPECT_STREQ(items[0]["rows"][0][1].GetString(), "1");
+    EXPECT_STREQ(items[1]["type"].GetString(), "string");
+    EXPECT_STREQ(items[1]["key"].GetString(), "error");
+    EXPECT_STREQ(items[1]["values"][0].GetString(), "Signal value is out of valid range (1-64)");
+    EXPECT_EQ(items[1]["values"][1].GetString(), kExpectedHelp);
+}
+
+TEST_F(VxcdbTool, ModulesTheServerDoesNotHandleAreReported) {
+    ToolRun run = Run({"camera", "--help"});
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(run.out, "");
+    EXPECT_NE(run.err.find("does not handle module 'camera'"), std::string::npos) << run.err;
+}
+
+TEST_F(VxcdbTool, DebugModuleReadsTheFirstFrame) {
+    ToolRun run = Run({"debug", "--dumpimagesensormoduledata"});
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(run.out, "image sensor module data dump requested\n");
+}
+
+TEST_F(VxcdbTool, AnswerTooLargeForOneFrameIsNotSilent) {
+    for (int i = 0; i < 200; ++i) {
+        m_engine.AddRelation("group_" + std::to_string(i), i, "case", "hook");
+    }
+    ToolRun run = Run({"corvane", "--inject", "query"});
+    EXPECT_EQ(run.exitCode, 5);
+    EXPECT_NE(run.err.find("empty reply"), std::string::npos) << run.err;
+}
+
+TEST(VxcdbToolAlone, FailuresHaveTheirOwnExitCodes) {
+    corvanetest::TempDir dir;
+    ToolRun run = RunVxcdb({"--socket", dir / "nothing", "corvane", "--help"});
+    EXPECT_EQ(run.exitCode, 3);
+    EXPECT_NE(run.err.find("cannot connect"), std::string::npos) << run.err;
+
+    // A listener that never answers, as the server does for a request it cannot read.
+    std::string path = dir / "silent";
+    int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(listen(listener, 4), 0);
+    run = RunVxcdb({"--timeout", "0.2", "--socket", path, "corvane", "--help"});
+    EXPECT_EQ(run.exitCode, 4);
+    EXPECT_NE(run.err.find("no reply"), std::string::npos) << run.err;
+    close(listener);
+}
+
+TEST(VxcdbToolAlone, CommandLineMistakesAreUsageErrors) {
+    const std::vector<std::vector<std::string>> mistakes = {
+        {},
+        {"--json"},
+        {"corvane"},
+        {"corvane", "inject", "query"},
+        {"--timeout", "0", "corvane", "--help"},
+        {"--timeout", "soon", "corvane", "--help"},
+        {"--socket"},
+        {"--verbose", "corvane", "--help"},
+        {"corvane", "--", "x"},
+    };
+    for (const auto& arguments : mistakes) {
+        ToolRun run = RunVxcdb(arguments);
+        std::string shown;
+        for (const std::string& argument : arguments) {
+            shown += argument + " ";
+        }
+        EXPECT_EQ(run.exitCode, 2) << shown;
+        EXPECT_NE(run.err.find("Try 'vxcdb --help'"), std::string::npos) << shown << run.err;
+    }
+    ToolRun usage = RunVxcdb({"--help"});
+    EXPECT_EQ(usage.exitCode, 0);
+    EXPECT_EQ(usage.out.rfind("Usage: vxcdb", 0), 0u) << usage.out;
+}
+
+TEST(VxcdbToolAlone, DefaultSocketIsTheDevicePathUnderTheSysroot) {
+    int status = corvanetest::RunInChild([] {
+        corvanetest::TestSysroot sysroot;
+        sysroot.SetProperty("persist.vendor.camera.cloud.corvanesystem.modswitch", "1");
+        CorvaneSystem* system = CorvaneSystem::Create();
+        bool listening = WaitConnectable(sysroot / "data/vendor/camera/vxcdb_socket");
+        // Words after a lone "--" are arguments even when they look like options.
+        ToolRun run = RunVxcdb({"corvane", "--signal", "--", "--5"});
+        CorvaneSystem::Destroy(system);
+        return listening && run.exitCode == 1 &&
+                       run.err.find("Invalid signal parameter: not a number") != std::string::npos
+                   ? 0
+                   : 1;
+    });
+    EXPECT_TRUE(corvanetest::ChildSucceeded(status)) << status;
+}
+
+}  // namespace

@@ -1,0 +1,387 @@
+#include "core/model/monitor/monitorimpl.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <thread>
+
+#include "core/controller/corvanesystem.h"
+#include "core/messagecenter/messagecenterclient.h"
+#include "core/model/monitor/probehistory.h"
+#include "tests/support/testsupport.h"
+
+namespace {
+
+using corvanetest::LogCapture;
+using corvanetest::TestSysroot;
+
+constexpr const char* kHistory = "data/vendor/camera/probe_messages.json";
+constexpr const char* kReadFailure =
+    "Failed to read file: data/vendor/camera/probe_messages.json, reset file";
+
+ProbeMessage P(const std::string& name, const std::string& type, int64_t time, bool ok) {
+    return {name, type, time, ok};
+}
+
+// "name/type/time/ok name/type/time/fail ...": readable when an expectation fails.
+std::string Text(const std::vector<ProbeMessage>& records) {
+    std::string text;
+    for (const ProbeMessage& r : records) {
+        text += (text.empty() ? "" : " ") + r.sensorName + "/" + r.sensorType + "/" +
+                std::to_string(r.probeTime) + (r.probeResult ? "/ok" : "/fail");
+    }
+    return text;
+}
+
+std::string Json(const std::vector<ProbeMessage>& records) {
+    std::string text;
+    for (const ProbeMessage& r : records) {
+        text += std::string(text.empty() ? "[" : ",") + "{\"sensor_name\":\"" + r.sensorName +
+                "\",\"sensor_type\":\"" + r.sensorType +
+                "\",\"probe_time\":" + std::to_string(r.probeTime) + ",\"probe_result\":\"" +
+                (r.probeResult ? "success" : "fail") + "\"}";
+    }
+    return text.empty() ? "[]" : text + "]";
+}
+
+Message ProbeRequest(const ProbeMessage& r) {
+    return Message("PROBE_MESSAGE", {{"sensor_name", MessageData(r.sensorName)},
+                                     {"sensor_type", MessageData(r.sensorType)},
+                                     {"probe_time", MakeInt64Data(r.probeTime)},
+                                     {"probe_result", MakeInt32Data(r.probeResult ? 1 : 0)}});
+}
+
+// The bus client and the bus's subscriptions are per process: scenarios that touch them run in
+// a child, whose failed checks print there and fail the test here.
+void ExpectInChild(const std::function<void()>& body) {
+    EXPECT_TRUE(corvanetest::ChildSucceeded(corvanetest::RunInChild([&] {
+        body();
+        return ::testing::Test::HasFailure() ? 1 : 0;
+    })));
+}
+
+// A sysroot as working directory, as the camera service has "/".
+class MonitorTest : public ::testing::Test {
+  protected:
+    void WriteHistory(const std::vector<ProbeMessage>& records) {
+        m_sysroot.WriteFile(kHistory, Json(records));
+    }
+    // The file's records in file order (the exact text is checked once, below).
+    static std::string History() {
+        std::vector<ProbeMessage> records;
+        EXPECT_EQ(ReadProbeHistory(kHistory, nullptr, &records), ProbeHistoryStatus::OK);
+        return Text(records);
+    }
+    static void Save(const ProbeMessage& record) {
+        Message reply;
+        MonitorImpl::SaveProbeMessage(ProbeRequest(record), &reply);
+    }
+    static Message Ask(const std::string& topic, std::map<std::string, MessageData> data) {
+        Message reply;
+        MessageCenterClient::GetInstance()->SendMessage(Message(topic, std::move(data)), &reply);
+        return reply;
+    }
+    static std::string Name(const Message& reply, const char* key = "sensor_name") {
+        std::string value = "<none>";
+        GetStringData(reply, key, &value);
+        return value;
+    }
+
+    TestSysroot m_sysroot;
+    corvanetest::ScopedChdir m_chdir{m_sysroot.path()};
+};
+
+class MonitorBusTest : public MonitorTest {
+  protected:
+    MonitorBusTest() { m_sysroot.InstallLibrary("com.halvern.messagecenter.so"); }
+};
+
+TEST_F(MonitorTest, FirstSaveWritesOneCompactRecord) {
+    LogCapture capture;
+    Save(P("imx_wide_i", "wide", 1700000000123, true));
+    EXPECT_EQ(m_sysroot.ReadFile(kHistory),
+              R"([{"sensor_name":"imx_wide_i","sensor_type":"wide","probe_time":1700000000123,)"
+              R"("probe_result":"success"}])");
+    EXPECT_TRUE(capture.Contains(kReadFailure));
+    EXPECT_TRUE(capture.Contains(
+        "Record probe sensor: imx_wide_i, type: wide, probe time: 1700000000123, result: 1"));
+}
+
+TEST_F(MonitorTest, FullTypeDropsOnlyItsOldestAndTypesFollowInByteOrder) {
+    std::vector<ProbeMessage> file;
+    for (int t = 1; t <= 100; ++t) {
+        file.push_back(P("w" + std::to_string(t), "wide", t, t % 3 != 0));
+    }
+    // Unsigned bytes: "\xc3\xa9" (e acute) after every ASCII type, "Wide" before "tele".
+    file.insert(file.begin(), {P("e", "\xc3\xa9", 7, true), P("t", "tele", 3, false),
+                               P("T", "Wide", 9, true), P("n", "", 1, true)});
+    WriteHistory(file);
+    Save(P("w101", "wide", 101, true));
+
+    std::vector<ProbeMessage> wide;
+    for (int t = 101; t >= 2; --t) {  // w1 is gone
+        wide.push_back(P("w" + std::to_string(t), "wide", t, t == 101 || t % 3 != 0));
+    }
+    EXPECT_EQ(History(), "n//1/ok T/Wide/9/ok t/tele/3/fail " + Text(wide) + " e/\xc3\xa9/7/ok");
+
+    // Within one millisecond the newest arrival counts as newest: a full type keeps it.
+    Save(P("late", "wide", 2, false));
+    std::vector<ProbeMessage> kept = MonitorImpl::GetProbeMessage("wide", -1);
+    ASSERT_EQ(kept.size(), 100u);
+    EXPECT_EQ(Text({kept[98], kept[99]}), "w3/wide/3/fail late/wide/2/fail");
+}
+
+TEST_F(MonitorTest, UnusableHistoryAnswersAsEmptyAndIsReplacedByTheNextSave) {
+    const std::string good = Json({P("kept", "wide", 5, true)});
+    const struct {
+        std::string content;
+        const char* log;  // logged by the save, or null for no "reset" line
+        std::string after;
+    } cases[] = {
+        {R"({"sensor_name": "a"})", "Json is not an array, reset json", "new/wide/9/ok"},
+        {"not json [", kReadFailure, "new/wide/9/ok"},
+        {std::string(100000, '['), kReadFailure, "new/wide/9/ok"},
+        {"[" + std::string(5 * 1024 * 1024, ' ') + "]", kReadFailure, "new/wide/9/ok"},
+        {R"([1, "x", null, {}, {"sensor_name":1,"sensor_type":"wide","probe_time":1,)"
+         R"("probe_result":"fail"}, {"sensor_name":"a","sensor_type":"wide","probe_time":"1",)"
+         R"("probe_result":"fail"}, {"sensor_name":"a","sensor_type":"wide","probe_time":1}])",
+         nullptr, "new/wide/9/ok"},
+        // Hand edits are read: comments, trailing commas, beside malformed elements.
+        {"[7, // note\n" + good.substr(1, good.size() - 2) + ",]", nullptr,
+         "new/wide/9/ok kept/wide/5/ok"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.content.substr(0, 60));
+        m_sysroot.WriteFile(kHistory, c.content);
+        if (c.log != nullptr) {
+            EXPECT_TRUE(MonitorImpl::GetProbeMessage("wide", -1).empty());
+        }
+        LogCapture capture;
+        Save(P("new", "wide", 9, true));
+        EXPECT_EQ(c.log != nullptr ? capture.Count(c.log) : capture.Count("reset"),
+                  c.log != nullptr ? 1 : 0)
+            << capture.Dump();
+        EXPECT_EQ(History(), c.after);
+    }
+}
+
+TEST_F(MonitorTest, SaveIgnoresWhatIsNotAProbeRecord) {
+    const ProbeMessage r = P("imx_wide_i", "wide", 1, true);
+    Message wrongTopic = ProbeRequest(r), noTime = ProbeRequest(r), timeAsText = ProbeRequest(r);
+    wrongTopic.topic = "PROBE_MESSAGES";
+    noTime.data.erase("probe_time");
+    timeAsText.data["probe_time"] = MessageData("1");
+    const struct {
+        Message message;
+        bool withReply;
+        const char* log;  // null: no line at all
+    } cases[] = {{wrongTopic, true, "Not right message type"},
+                 {ProbeRequest(r), false, "Not right message type"},
+                 {noTime, true, nullptr},
+                 {timeAsText, true, "wrong kind"}};
+    for (const auto& c : cases) {
+        LogCapture capture;
+        Message reply;
+        MonitorImpl::SaveProbeMessage(c.message, c.withReply ? &reply : nullptr);
+        EXPECT_FALSE(m_sysroot.Exists(kHistory));
+        EXPECT_EQ(c.log == nullptr ? capture.Lines().size() : capture.Count(c.log), c.log ? 1u : 0u)
+            << capture.Dump();
+    }
+    Message reply("untouched");
+    MonitorImpl::SaveProbeMessage(ProbeRequest(r), &reply);
+    EXPECT_EQ(reply.topic, "untouched");
+    EXPECT_TRUE(reply.data.empty());
+    EXPECT_EQ(History(), "imx_wide_i/wide/1/ok");
+}
+
+TEST_F(MonitorTest, GetProbeMessageKeepsTheNewestCountOfOneType) {
+    WriteHistory({P("a", "wide", 1, true), P("d", "tele", 9, true), P("b", "wide", 3, false),
+                  P("c", "wide", 2, true)});
+    const std::string all = "b/wide/3/fail c/wide/2/ok a/wide/1/ok";
+    const struct {
+        std::string type;
+        int count;
+        std::string expected;
+    } cases[] = {{"wide", 0, ""},
+                 {"wide", 1, "b/wide/3/fail"},
+                 {"wide", 3, all},
+                 {"wide", 50, all},
+                 {"wide", -1, all},
+                 {"wide", INT32_MIN, all},
+                 {"tele", 2, "d/tele/9/ok"},
+                 {"Wide", -1, ""}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(Text(MonitorImpl::GetProbeMessage(c.type, c.count)), c.expected)
+            << c.type << " " << c.count;
+    }
+}
+
+TEST_F(MonitorTest, FailedWriteKeepsTheOldHistoryWhole) {
+    WriteHistory({P("old", "wide", 1, true)});
+    // The new file is written beside the old one, then renamed over it: block that path.
+    const std::string next = m_sysroot / kHistory + "." + std::to_string(getpid()) + ".tmp";
+    std::filesystem::create_directory(next);
+    LogCapture capture;
+    Save(P("new", "wide", 2, true));
+    EXPECT_TRUE(capture.Contains("Failed to write file: data/vendor/camera/probe_messages.json"));
+    EXPECT_EQ(History(), "old/wide/1/ok");
+    std::filesystem::remove(next);
+    Save(P("new", "wide", 2, true));
+    EXPECT_EQ(History(), "new/wide/2/ok old/wide/1/ok");
+    EXPECT_FALSE(std::filesystem::exists(next));
+}
+
+TEST_F(MonitorTest, ConcurrentSavesLoseNothingAndQueriesNeverSeeAPartialFile) {
+    WriteHistory({});
+    LogCapture capture;
+    std::atomic<bool> saving{true};
+    std::thread reader([&] {
+        while (saving) {
+            MonitorImpl::GetProbeMessage("t0", -1);
+        }
+    });
+    std::vector<std::thread> writers;
+    for (int w = 0; w < 4; ++w) {
+        writers.emplace_back([w] {
+            for (int i = 0; i < 25; ++i) {
+                Save(P("s" + std::to_string(i), "t" + std::to_string(w), i, true));
+            }
+        });
+    }
+    for (auto& writer : writers) {
+        writer.join();
+    }
+    saving = false;
+    reader.join();
+    for (const char* type : {"t0", "t1", "t2", "t3"}) {
+        EXPECT_EQ(MonitorImpl::GetProbeMessage(type, -1).size(), 25u) << type;
+    }
+    EXPECT_FALSE(capture.Contains("Failed to read file"));
+}
+
+TEST_F(MonitorTest, RecordingFollowsTheLowestBitOfTheSwitchReadAtConstruction) {
+    constexpr const char* kSwitch = "persist.vendor.camera.cloud.corvanesystem.monitor";
+    ExpectInChild([this] {
+        for (const char* value : {"", "0", "1", "2", "3", "-1", "abc"}) {
+            m_sysroot.SetProperty(kSwitch, value);
+            std::filesystem::remove(m_sysroot / kHistory);
+            LogCapture capture;
+            Monitor* monitor = Monitor::Create();
+            // No bus in this sysroot: each subscription says so, recording goes on.
+            EXPECT_EQ(capture.Count("m_pMessageCenterSubscribeFuncPtr is NULL", "[MESSAGECENTER]"),
+                      4);
+            monitor->RecordProbeMessage("imx_tele5x_ii", true);
+            Monitor::Destroy(monitor);
+            bool odd = std::string("1 3 -1").find(value) != std::string::npos && value[0] != '\0';
+            ASSERT_EQ(m_sysroot.Exists(kHistory), odd) << "switch \"" << value << "\"";
+            if (odd) {
+                std::vector<ProbeMessage> records = MonitorImpl::GetProbeMessage("tele5x", -1);
+                ASSERT_EQ(records.size(), 1u);
+                EXPECT_EQ(records[0].sensorName, "imx_tele5x_ii");
+                EXPECT_NEAR(static_cast<double>(records[0].probeTime),
+                            static_cast<double>(time(nullptr)) * 1000, 5000);
+            }
+        }
+        m_sysroot.SetProperty(kSwitch, "0");
+        std::unique_ptr<Monitor, void (*)(Monitor*)> off(Monitor::Create(), Monitor::Destroy);
+        m_sysroot.SetProperty(kSwitch, "1");
+        std::filesystem::remove(m_sysroot / kHistory);
+        off->RecordProbeMessage("imx_wide_i", false);
+        EXPECT_FALSE(m_sysroot.Exists(kHistory)) << "the switch is read once, at construction";
+    });
+}
+
+TEST_F(MonitorBusTest, QueriesAnswerOverTheBus) {
+    // Newest first per type: wide A ok, B ok, A fail, B ok, A ok, B ok; tele: fail, then ok.
+    WriteHistory({P("B", "wide", 0, true), P("A", "wide", 1, true), P("B", "wide", 2, true),
+                  P("A", "wide", 3, false), P("B", "wide", 4, true), P("A", "wide", 5, true),
+                  P("T", "tele", 8, true), P("U", "tele", 9, false)});
+    ExpectInChild([] {
+        std::unique_ptr<Monitor, void (*)(Monitor*)> monitor(Monitor::Create(), Monitor::Destroy);
+        auto last = [](const char* type) {
+            return Name(Ask("GET_LAST_PROBE_SENSOR_NAME", {{"sensor_type", MessageData(type)}}));
+        };
+        EXPECT_EQ(last("wide"), "A");
+        EXPECT_EQ(last("tele"), "") << "the newest tele probe failed";
+        EXPECT_EQ(last("front"), "");
+
+        const struct {
+            std::map<std::string, MessageData> request;
+            std::string answer;  // "name count"
+        } most[] = {
+            {{{"record_count", MakeInt64Data(5)}}, "A 2"},  // A and B tie: smallest name
+            {{{"record_count", MakeInt64Data(4)}}, "B 2"},
+            {{{"record_count", MakeInt64Data(0)}}, " 0"},
+            {{}, " 0"},                                                    // no count: nothing
+            {{{"record_count", MakeInt64Data(UINT64_MAX)}}, "B 3"},        // -1: every record
+            {{{"record_count", MakeInt64Data((1ull << 32) + 4)}}, "B 2"},  // narrowed to 4
+        };
+        for (const auto& c : most) {
+            std::map<std::string, MessageData> request = c.request;
+            request["sensor_type"] = MessageData("wide");
+            Message reply = Ask("GET_MOST_PROBE_SENSOR_NAME", request);
+            uint64_t count = 99;
+            GetInt64Data(reply, "record_count", &count);
+            EXPECT_EQ(reply.topic, "GET_MOST_PROBE_SENSOR_NAME");
+            EXPECT_EQ(Name(reply) + " " + std::to_string(count), c.answer);
+        }
+
+        for (const auto& [name, type] : std::map<std::string, std::string>{
+                 {"hi846_front_iii", "front"}, {"imx586", ""}, {"s5k_tele3x_ii", "tele3x"}}) {
+            Message reply = Ask("GET_SENSOR_TYPE", {{"sensor_name", MessageData(name)}});
+            EXPECT_EQ(reply.topic + " " + Name(reply, "sensor_type"), "GET_SENSOR_TYPE " + type);
+        }
+        LogCapture capture;
+        EXPECT_TRUE(Ask("GET_SENSOR_TYPE", {{"sensor_type", MessageData("x")}}).topic.empty());
+        EXPECT_TRUE(capture.Contains("Not right message"));
+    });
+}
+
+TEST_F(MonitorBusTest, RepliesProbeMessagesAndSubscriptionsBehaveAsSendersRelyOn) {
+    WriteHistory({P("A", "wide", 1, true)});
+    ExpectInChild([this] {
+        Monitor::Destroy(Monitor::Create());  // the subscriptions outlive the monitor
+        MessageCenterClient* bus = MessageCenterClient::GetInstance();
+        for (const char* topic : {"GET_LAST_PROBE_SENSOR_NAME", "GET_MOST_PROBE_SENSOR_NAME"}) {
+            bus->SendMessage(Message(topic, {{"sensor_type", MessageData("wide")}}), nullptr);
+        }
+        bus->SendMessage(Message("GET_SENSOR_TYPE", {{"sensor_name", MessageData("a")}}), nullptr);
+
+        // The answer is added to what the reply holds; its own keys are replaced.
+        Message reply("OTHER", {{"other", MessageData("kept")}});
+        unsigned char bytes[] = {1, 2, 3};
+        reply.data["sensor_name"].Set(bytes, sizeof(bytes));
+        bus->SendMessage(
+            Message("GET_LAST_PROBE_SENSOR_NAME", {{"sensor_type", MessageData("wide")}}), &reply);
+        EXPECT_EQ(reply.topic + " " + Name(reply, "other") + " " + Name(reply),
+                  "GET_LAST_PROBE_SENSOR_NAME kept A");
+
+        // A probe sent without a reply pointer is ignored; with one it is stored.
+        bus->SendMessage(ProbeRequest(P("B", "wide", 2, false)), nullptr);
+        EXPECT_EQ(History(), "A/wide/1/ok");
+        Message untouched;
+        bus->SendMessage(ProbeRequest(P("B", "wide", 2, false)), &untouched);
+        EXPECT_TRUE(untouched.topic.empty() && untouched.data.empty());
+        EXPECT_EQ(History(), "B/wide/2/fail A/wide/1/ok");
+    });
+}
+
+TEST_F(MonitorBusTest, ControllerForwardsProbeReportsWhenMonitrIsOn) {
+    m_sysroot.SetProperty("persist.vendor.camera.cloud.corvanesystem.monitor", "1");
+    for (const char* modswitch : {"2", "0"}) {  // bit 0x2 is "monitr"
+        m_sysroot.SetProperty("persist.vendor.camera.cloud.corvanesystem.modswitch", modswitch);
+        std::filesystem::remove(m_sysroot / kHistory);
+        ExpectInChild([this, on = modswitch[0] == '2'] {
+            CorvaneSystemGetInstance()->RecordProbeMessage("s5k_tele5x_ii", true);
+            EXPECT_EQ(m_sysroot.Exists(kHistory), on);
+            Message reply =
+                Ask("GET_LAST_PROBE_SENSOR_NAME", {{"sensor_type", MessageData("tele5x")}});
+            EXPECT_EQ(Name(reply), on ? "s5k_tele5x_ii" : "<none>");
+        });
+    }
+}
+
+}  // namespace

@@ -1,0 +1,349 @@
+// The protection model without hook groups: the switch properties, the configuration file (good
+// and malformed), callbacks with their records and big-data reports, and the kernel I2C code.
+// The main switch and the log threshold are fixed once per process, so every scenario runs in a
+// child process.
+#include "core/model/protection/protectionimpl.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "core/controller/corvanesystem.h"
+#include "tests/protection/bigdatareports.h"
+#include "tests/support/testsupport.h"
+
+namespace {
+
+using corvanetest::ChildSucceeded;
+using corvanetest::kBigDataReportFile;
+using corvanetest::LogCapture;
+using corvanetest::ReadReports;
+using corvanetest::RunTestInChild;
+using corvanetest::TestSysroot;
+
+constexpr const char* kMainSwitch =
+    "persist.vendor.camera.cloud.corvanesystem.protection.mainswitch";
+constexpr const char* kRecordSwitch =
+    "persist.vendor.camera.cloud.corvanesystem.protection.recordswitch";
+constexpr const char* kFirstPrefix = "persist.vendor.camera.cloud.corvanesystem.protection.";
+constexpr const char* kSecondPrefix = "persist.vendor.camera.corvanesystem.protection.";
+constexpr const char* kLogLevel = "persist.vendor.camera.cloud.corvanesys.loglevel";
+constexpr const char* kConfigFile = "odm/etc/camera/protection_config.json";
+constexpr const char* kKernelFile = "sys/module/camera/parameters/cam_cci_io_protect";
+constexpr const char* kDbFile = "data/vendor/camera/protecion.db";
+constexpr const char* kDirectory = "<directory>";
+
+// Runs a scenario in a child process; the child prints its own failures.
+void ExpectInChild(const std::function<void()>& body) {
+    EXPECT_TRUE(ChildSucceeded(RunTestInChild(body))) << "the scenario failed in its child";
+}
+
+// An unconfigured model (no hook engine), as the controller makes without "hookswitch".
+std::unique_ptr<ProtectionImpl, void (*)(Protection*)> NewProtection() {
+    return {static_cast<ProtectionImpl*>(Protection::Create(nullptr, -1)), Protection::Destroy};
+}
+
+// The main switch and the scheme's two properties; null leaves a property unset.
+void SetSwitches(TestSysroot& sysroot, const std::string& scheme, const char* mainSwitch,
+                 const char* first, const char* second) {
+    const std::pair<std::string, const char*> properties[] = {{kMainSwitch, mainSwitch},
+                                                              {kFirstPrefix + scheme, first},
+                                                              {kSecondPrefix + scheme, second}};
+    for (const auto& [name, value] : properties) {
+        if (value != nullptr) {
+            sysroot.SetProperty(name, value);
+        }
+    }
+}
+
+TEST(ProtectionImplTest, SchemeStateAndSwitchFollowTheProperties) {
+    struct Row {
+        const char* mainSwitch;  // null: property unset
+        const char* first;
+        const char* second;
+        ProtectionScheme scheme;
+        int state;
+        bool opened;
+        bool mainLine;    // "main switch is not turned on" logged
+        bool schemeLine;  // "protection scheme: <name> switch is not turned on" logged
+    };
+    const Row rows[] = {
+        {nullptr, nullptr, nullptr, ProtectionScheme::SENSORI2C, 0, false, true, true},
+        {"1", "1", nullptr, ProtectionScheme::SENSORI2C, 1, true, false, false},
+        {"1", "0", "1", ProtectionScheme::OISI2C, 1, true, false, false},
+        {"1", "2", "1", ProtectionScheme::OISI2C, 2, false, false, true},  // the first wins
+        {"1", nullptr, "2", ProtectionScheme::EEPROMI2C, 2, false, false, true},
+        {"1", "0", "0", ProtectionScheme::KERNELI2C, 0, false, false, true},
+        {"1", "1", nullptr, ProtectionScheme::INVAILD, 1, true, false, false},
+        // With the main switch off a scheme that is on still reads false.
+        {"0", "1", "1", ProtectionScheme::ACTUATORI2C, 1, false, true, false},
+        {"2", nullptr, "1", ProtectionScheme::ZOOMI2C, 1, false, true, false},
+        {"0", "3", nullptr, ProtectionScheme::ZOOMI2C, 3, false, true, true},
+    };
+    for (const Row& row : rows) {
+        std::string name = GetProtectionSchemeString(row.scheme);
+        SCOPED_TRACE(name + " main=" + (row.mainSwitch ? row.mainSwitch : "unset") +
+                     " first=" + (row.first ? row.first : "unset") +
+                     " second=" + (row.second ? row.second : "unset"));
+        TestSysroot sysroot;
+        sysroot.SetProperty(kLogLevel, "3");
+        SetSwitches(sysroot, name, row.mainSwitch, row.first, row.second);
+        ExpectInChild([&] {
+            auto protection = NewProtection();
+            EXPECT_EQ(protection->GetSchemeState(row.scheme), row.state);
+            LogCapture capture;
+            EXPECT_EQ(protection->IsSwitchOpened(row.scheme), row.opened);
+            EXPECT_EQ(capture.Count("main switch is not turned on"), row.mainLine ? 1 : 0);
+            EXPECT_EQ(capture.Count("protection scheme: " + name + " switch is not turned on"),
+                      row.schemeLine ? 1 : 0);
+        });
+    }
+}
+
+TEST(ProtectionImplTest, MainSwitchIsReadOncePerProcessSchemePropertiesAreLive) {
+    TestSysroot sysroot;
+    const std::string sensor = std::string(kFirstPrefix) + "SENSORI2C";
+    sysroot.SetProperty(kMainSwitch, "1");
+    sysroot.SetProperty(sensor, "1");
+    ExpectInChild([&] {
+        auto protection = NewProtection();
+        EXPECT_TRUE(protection->IsSwitchOpened(ProtectionScheme::SENSORI2C));
+        sysroot.SetProperty(kMainSwitch, "0");
+        EXPECT_TRUE(protection->IsSwitchOpened(ProtectionScheme::SENSORI2C));
+        // The cache is the process's, not the object's.
+        EXPECT_TRUE(NewProtection()->IsSwitchOpened(ProtectionScheme::SENSORI2C));
+        sysroot.SetProperty(sensor, "0");
+        EXPECT_FALSE(protection->IsSwitchOpened(ProtectionScheme::SENSORI2C));
+    });
+    sysroot.SetProperty(kMainSwitch, "0");
+    sysroot.SetProperty(sensor, "1");
+    ExpectInChild([&] {
+        auto protection = NewProtection();
+        EXPECT_FALSE(protection->IsSwitchOpened(ProtectionScheme::SENSORI2C));
+        sysroot.SetProperty(kMainSwitch, "1");
+        EXPECT_FALSE(protection->IsSwitchOpened(ProtectionScheme::SENSORI2C));
+    });
+}
+
+using Schemes = std::map<std::string, std::map<std::string, std::vector<std::string>>>;
+
+Schemes SchemesOf(const ProtectionImpl& protection) {
+    Schemes schemes;
+    for (const auto& [name, config] : protection.GetSchemeConfig()) {
+        EXPECT_EQ(config.schemeName, name);
+        schemes[name] = config.hookGroupList;
+    }
+    return schemes;
+}
+
+TEST(ProtectionImplTest, ConfigurationFileGivesTheUsableSchemesOnly) {
+    struct Row {
+        const char* what;
+        const char* content;  // the configuration file; null: no file, kDirectory: a directory
+        Schemes expected;
+        const char* logged;  // a line that must appear, or null
+    };
+    const std::string deep = std::string(200000, '[') + std::string(200000, ']');
+    const Row rows[] = {
+        {"no file", nullptr, {}, "Failed to open: "},
+        {"a directory", kDirectory, {}, "Failed to open: "},
+        {"comments and trailing commas",
+         R"(// schemes
+            [{"protection_scheme": "SENSORI2C", /* guard */
+              "hook_group_list": [{"g2": ["0x0100", "0x0101"], "g1": [],}],},])",
+         {{"SENSORI2C", {{"g1", {}}, {"g2", {"0x0100", "0x0101"}}}}},
+         "hook group name: g2"},
+        {"not JSON", "protection: on", {}, "Failed to parse"},
+        {"empty file", "", {}, "Failed to parse"},
+        {"root object",
+         R"({"protection_scheme": "SENSORI2C", "hook_group_list": []})",
+         {},
+         "the root is not an array"},
+        {"empty root", "[]", {}, nullptr},
+        {"nesting deeper than any stack", deep.c_str(), {}, "element 0 is not an object"},
+        {"elements that are not objects",
+         R"([1, "SENSORI2C", null, [], {"protection_scheme": "OISI2C", "hook_group_list": []}])",
+         {{"OISI2C", {}}},
+         "element 1 is not an object"},
+        {"scheme without name or with a name that is not a string",
+         R"([{"hook_group_list": [{"g": []}]},
+             {"protection_scheme": 1, "hook_group_list": [{"g": []}]},
+             {"protection_scheme": "ZOOMI2C", "hook_group_list": [{"z": ["1"]}]}])",
+         {{"ZOOMI2C", {{"z", {"1"}}}}},
+         "element 1 has no string \"protection_scheme\""},
+        {"hook_group_list missing or not an array",
+         R"([{"protection_scheme": "SENSORI2C"},
+             {"protection_scheme": "OISI2C", "hook_group_list": {"g": []}},
+             {"protection_scheme": "EEPROMI2C", "hook_group_list": "g"}])",
+         {},
+         "protection scheme OISI2C: \"hook_group_list\" is missing or not an array"},
+        {"list members of other types",
+         R"([{"protection_scheme": "OISI2C",
+              "hook_group_list": [1, "g", [], {}, null, {"ok": ["a"]}]}])",
+         {{"OISI2C", {{"ok", {"a"}}}}},
+         "hook_group_list element 0 is not an object"},
+        {"group values: only arrays of strings give arguments",
+         R"([{"protection_scheme": "OISI2C", "hook_group_list": [{
+              "text": "0x0100", "null": null, "empty": [], "object": {"a": "b"},
+              "number": 5, "mixed": ["0x0100", 256], "nested": [["a"]]}]}])",
+         {{"OISI2C", {{"text", {}}, {"null", {}}, {"empty", {}}, {"object", {}}, {"number", {}}}}},
+         "hook group mixed: argument 1 is not a string, group skipped"},
+        {"names met again replace the earlier entry",
+         R"([{"protection_scheme": "OISI2C", "hook_group_list": [{"g": ["old"]}]},
+             {"protection_scheme": "OISI2C", "hook_group_list": [{"h": ["1"]}, {"h": ["2"]}]}])",
+         {{"OISI2C", {{"h", {"2"}}}}},
+         nullptr},
+        {"unknown scheme names are kept",
+         R"([{"protection_scheme": "COUNT", "hook_group_list": []},
+             {"protection_scheme": "", "hook_group_list": []}])",
+         {{"COUNT", {}}, {"", {}}},
+         "protection scheme COUNT is not a known scheme"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        TestSysroot sysroot;
+        if (row.content == kDirectory) {
+            std::filesystem::create_directories(sysroot / kConfigFile);
+        } else if (row.content != nullptr) {
+            sysroot.WriteFile(kConfigFile, row.content);
+        }
+        ExpectInChild([&] {
+            LogCapture capture;
+            auto protection = NewProtection();
+            EXPECT_EQ(SchemesOf(*protection), row.expected);
+            // Without a hook engine nothing is installed, and the model says so.
+            EXPECT_TRUE(capture.Contains("Initialize() InitializeProtectionScheme failed"));
+            if (row.logged != nullptr) {
+                EXPECT_TRUE(capture.Contains(row.logged)) << capture.Dump();
+            }
+        });
+    }
+}
+
+TEST(ProtectionImplTest, CallbacksAreReportedByType) {
+    struct Row {
+        std::string type;
+        std::vector<std::string> kinds;  // reports, in order
+    };
+    const Row rows[] = {
+        {"CallbackMessageType::Both", {"p", "e"}},
+        {"CallbackMessageType::Protection", {"p"}},
+        {"CallbackMessageType::Error", {"e"}},
+        {"CallbackMessageType::both", {}},
+        {"", {}},
+    };
+    TestSysroot sysroot;
+    ExpectInChild([&] {
+        auto protection = NewProtection();
+        for (const Row& row : rows) {
+            SCOPED_TRACE(row.type);
+            std::filesystem::remove(sysroot / kBigDataReportFile);
+            EXPECT_EQ(protection->RecordProtectionFunctionCallback(
+                          {7, -1, 0x0100, "SENSORI2C", row.type}),
+                      0);
+            auto reports = ReadReports(sysroot / kBigDataReportFile);
+            ASSERT_EQ(reports.size(), row.kinds.size());
+            for (size_t i = 0; i < reports.size(); ++i) {
+                EXPECT_EQ(reports[i]["kind"], row.kinds[i]);
+                EXPECT_EQ(reports[i]["name"], "SENSORI2C");
+                EXPECT_EQ(reports[i]["value"], "256");
+            }
+        }
+        EXPECT_FALSE(sysroot.Exists(kDbFile));  // no record switch, no database
+    });
+}
+
+TEST(ProtectionImplTest, RecordSwitchRecordsAndTheFirstRecordRemovesTheDatabase) {
+    TestSysroot sysroot;
+    sysroot.SetProperty(kRecordSwitch, "1");
+    ExpectInChild([&] {
+        auto protection = NewProtection();
+        ASSERT_TRUE(sysroot.Exists(kDbFile));
+        // The insert names a column the table does not have: it fails by design, the database
+        // object blocks itself and deletes the file, and the report goes out all the same.
+        CallbackMessage message{1, -1, 2, "SENSORI2C", "CallbackMessageType::Both"};
+        EXPECT_EQ(protection->RecordProtectionFunctionCallback(message), 0);
+        EXPECT_FALSE(sysroot.Exists(kDbFile));
+        EXPECT_EQ(protection->RecordProtectionFunctionCallback(message), 0);
+        EXPECT_FALSE(sysroot.Exists(kDbFile));
+        EXPECT_EQ(ReadReports(sysroot / kBigDataReportFile).size(), 4u);
+    });
+    // The next start builds it again.
+    ExpectInChild([&] {
+        auto protection = NewProtection();
+        EXPECT_TRUE(sysroot.Exists(kDbFile));
+    });
+    std::filesystem::remove(sysroot / kDbFile);
+    sysroot.SetProperty(kRecordSwitch, "2");
+    ExpectInChild([&] {
+        auto protection = NewProtection();
+        EXPECT_EQ(protection->RecordProtectionFunctionCallback({1, 1, 1, "x", "x"}), 0);
+        EXPECT_FALSE(sysroot.Exists(kDbFile));
+    });
+}
+
+TEST(ProtectionImplTest, KernelSchemeIsWrittenToTheCameraModuleThroughTheController) {
+    struct Row {
+        const char* mainSwitch;
+        const char* first;
+        const char* second;
+        ProtectionScheme scheme;  // passed to ProtectionConfig
+        const char* before;
+        const char* after;
+    };
+    const Row rows[] = {
+        {"1", "1", nullptr, ProtectionScheme::KERNELI2C, "0", "1"},
+        {"1", nullptr, "1", ProtectionScheme::KERNELI2C, "0", "1"},
+        {"1", "0", nullptr, ProtectionScheme::KERNELI2C, "1", "0"},
+        {"0", "1", nullptr, ProtectionScheme::KERNELI2C, "1", "0"},
+        {"1", "1", nullptr, ProtectionScheme::SENSORI2C, "0", "0"},  // other schemes: nothing
+    };
+    for (const Row& row : rows) {
+        std::string name = GetProtectionSchemeString(row.scheme);
+        SCOPED_TRACE(name + " main=" + row.mainSwitch + " before=" + row.before);
+        TestSysroot sysroot;
+        SetSwitches(sysroot, name, row.mainSwitch, row.first, row.second);
+        sysroot.WriteFile(kKernelFile, row.before);
+        ExpectInChild([&] {
+            CorvaneSystem* system = CorvaneSystemGetInstance();
+            LogCapture capture;
+            system->ProtectionConfig(row.scheme, {"ignored"});
+            EXPECT_EQ(sysroot.ReadFile(kKernelFile), row.after);
+            bool written = row.scheme == ProtectionScheme::KERNELI2C;
+            EXPECT_EQ(capture.Contains(std::string("set cam_cci_io_protect: ") + row.after),
+                      written);
+        });
+    }
+}
+
+TEST(ProtectionImplTest, KernelCodeWritesOnlyZeroOrOneAndSurvivesAMissingFile) {
+    TestSysroot sysroot;
+    ExpectInChild([&] {
+        sysroot.WriteFile(kKernelFile, "0");
+        LogCapture capture;
+        for (int code : {2, -1, 10}) {
+            SetKernelI2CProtectionCode(code);
+        }
+        EXPECT_EQ(sysroot.ReadFile(kKernelFile), "0");
+        EXPECT_TRUE(capture.Lines().empty()) << capture.Dump();
+        SetKernelI2CProtectionCode(1);
+        EXPECT_EQ(sysroot.ReadFile(kKernelFile), "1");
+        SetKernelI2CProtectionCode(0);
+        EXPECT_EQ(sysroot.ReadFile(kKernelFile), "0");  // no newline either time
+
+        std::filesystem::remove(sysroot / kKernelFile);
+        SetKernelI2CProtectionCode(1);
+        EXPECT_TRUE(capture.Contains(
+            "[CORVANESYS] Failed to open /sys/module/camera/parameters/cam_cci_io_protect: "
+            "errnoStr: No such file or directory"))
+            << capture.Dump();
+        EXPECT_FALSE(sysroot.Exists(kKernelFile));  // never created: it belongs to the kernel
+    });
+}
+
+}  // namespace

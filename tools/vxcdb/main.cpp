@@ -1,0 +1,95 @@
+// vxcdb: sends one request to the camera service's debug channel and prints the reply.
+#include <stdio.h>
+#include <string.h>
+
+#include <iostream>
+#include <string>
+
+#include "core/controller/corvanesystemimpl.h"
+#include "core/controller/vxcdbprotocol.h"
+#include "platform/devicepath.h"
+#include "tools/vxcdb/vxcdbcommandline.h"
+#include "tools/vxcdb/vxcdbconnection.h"
+#include "tools/vxcdb/vxcdbreplyprinter.h"
+
+namespace {
+
+// Exit codes: scripts tell the failures apart by them.
+constexpr int kExitOk = 0;
+constexpr int kExitReplyError = 1;  // the reply carries an error, or the module is not served
+constexpr int kExitUsage = 2;
+constexpr int kExitCannotConnect = 3;
+constexpr int kExitTimeout = 4;
+constexpr int kExitNoUsableReply = 5;
+
+int Fail(int code, const std::string& message) {
+    std::cerr << "vxcdb: " << message << '\n';
+    return code;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    vxcdb::CommandLine commandLine;
+    std::string error;
+    if (!vxcdb::ParseCommandLine(argc, argv, &commandLine, &error)) {
+        std::cerr << "vxcdb: " << error << "\nTry 'vxcdb --help'.\n";
+        return kExitUsage;
+    }
+    if (commandLine.showUsage) {
+        std::cout << vxcdb::UsageText();
+        return kExitOk;
+    }
+
+    VXCDBMessageString request;
+    memset(&request, 0, sizeof(request));
+    std::string payload;
+    commandLine.request.SerializeToString(&payload);
+    if (payload.size() > sizeof(request.payload)) {
+        return Fail(kExitUsage, "the request is too large: " + std::to_string(payload.size()) +
+                                    " bytes, at most " + std::to_string(sizeof(request.payload)));
+    }
+    memcpy(request.payload, payload.data(), payload.size());
+    request.payloadLen = static_cast<int32_t>(payload.size());
+
+    std::string socketPath = commandLine.socketPath.empty()
+                                 ? DevicePath(CorvaneSystemImpl::kSocketPath)
+                                 : commandLine.socketPath;
+    VXCDBMessageString replyFrame;
+    vxcdb::ExchangeResult exchange =
+        vxcdb::Exchange(socketPath, request, commandLine.timeoutSeconds, &replyFrame);
+    switch (exchange.status) {
+        case vxcdb::ExchangeStatus::kOk:
+            break;
+        case vxcdb::ExchangeStatus::kCannotConnect:
+            return Fail(kExitCannotConnect, exchange.detail);
+        case vxcdb::ExchangeStatus::kTimeout:
+            return Fail(kExitTimeout, exchange.detail);
+        case vxcdb::ExchangeStatus::kClosed:
+            return Fail(kExitNoUsableReply, exchange.detail);
+    }
+
+    // A module the server does not serve is answered with the request itself.
+    if (memcmp(&replyFrame, &request, sizeof(request)) == 0) {
+        return Fail(kExitReplyError, "the server does not handle module '" +
+                                         commandLine.request.modulename() +
+                                         "' (it sent the request back)");
+    }
+    VXCDBMessage reply;
+    if (!DecodeVXCDBMessage(replyFrame, &reply)) {
+        return Fail(kExitNoUsableReply, "the reply is not a readable message");
+    }
+    // Every answer names its module; an all-zero frame is what the server sends when its answer
+    // did not fit in one frame.
+    if (!reply.has_modulename()) {
+        return Fail(kExitNoUsableReply,
+                    "the server sent an empty reply (the answer may be too large for one frame)");
+    }
+    if (commandLine.json) {
+        vxcdb::PrintReplyJson(reply, std::cout);
+    } else {
+        vxcdb::PrintReplyText(reply, std::cout, std::cerr);
+    }
+    std::cout.flush();
+    return vxcdb::ReplyHasError(reply) ? kExitReplyError : kExitOk;
+}

@@ -1,0 +1,175 @@
+#include "tools/vxcdb/vxcdbcommandline.h"
+
+#include <math.h>
+#include <stdlib.h>
+
+#include <vector>
+
+namespace vxcdb {
+
+namespace {
+
+// Module names with a module type of their own; any other name is sent without one.
+constexpr const char* kModuleCorvane = "corvane";
+constexpr const char* kModuleDebug = "debug";
+
+// The library refuses an option without arguments; "help" needs none, so the tool supplies one.
+constexpr const char* kHelpOption = "help";
+constexpr const char* kHelpArgument = "help";
+
+constexpr double kMaxTimeoutSeconds = 3600.0;
+
+bool IsOptionWord(const std::string& word) {
+    return word.size() > 2 && word.compare(0, 2, "--") == 0;
+}
+
+// "--name value" or "--name=value" for a tool option that takes a value.
+bool TakeValue(const std::vector<std::string>& words, size_t* index, const std::string& name,
+               std::string* value, std::string* error) {
+    const std::string& word = words[*index];
+    if (word.size() > name.size() && word[name.size()] == '=') {
+        *value = word.substr(name.size() + 1);
+        return true;
+    }
+    if (*index + 1 >= words.size()) {
+        *error = name + " needs a value";
+        return false;
+    }
+    *value = words[++*index];
+    return true;
+}
+
+bool ParseTimeout(const std::string& text, double* seconds, std::string* error) {
+    char* end = nullptr;
+    double value = strtod(text.c_str(), &end);
+    if (text.empty() || *end != '\0' || !isfinite(value) || value <= 0 ||
+        value > kMaxTimeoutSeconds) {
+        *error = "--timeout needs a number of seconds greater than 0 and at most 3600, got '" +
+                 text + "'";
+        return false;
+    }
+    *seconds = value;
+    return true;
+}
+
+bool NameIs(const std::string& word, const std::string& name) {
+    return word == name || (word.size() > name.size() && word.compare(0, name.size(), name) == 0 &&
+                            word[name.size()] == '=');
+}
+
+}  // namespace
+
+bool ParseCommandLine(int argc, const char* const* argv, CommandLine* commandLine,
+                      std::string* error) {
+    std::vector<std::string> words(argv + 1, argv + argc);
+    size_t i = 0;
+    // Tool options, up to the module name.
+    for (; i < words.size(); ++i) {
+        const std::string& word = words[i];
+        if (word == "--help" || word == "-h") {
+            commandLine->showUsage = true;
+            return true;
+        }
+        if (word == "--json") {
+            commandLine->json = true;
+        } else if (NameIs(word, "--timeout")) {
+            std::string value;
+            if (!TakeValue(words, &i, "--timeout", &value, error) ||
+                !ParseTimeout(value, &commandLine->timeoutSeconds, error)) {
+                return false;
+            }
+        } else if (NameIs(word, "--socket")) {
+            if (!TakeValue(words, &i, "--socket", &commandLine->socketPath, error)) {
+                return false;
+            }
+            if (commandLine->socketPath.empty()) {
+                *error = "--socket needs a path";
+                return false;
+            }
+        } else if (word.compare(0, 1, "-") == 0) {
+            *error = "unknown tool option '" + word + "' (tool options come before the module)";
+            return false;
+        } else {
+            break;
+        }
+    }
+    if (i == words.size()) {
+        *error = "missing module name";
+        return false;
+    }
+    VXCDBMessage& request = commandLine->request;
+    const std::string& module = words[i++];
+    request.set_modulename(module);
+    if (module == kModuleCorvane) {
+        request.set_moduletype(VXCDBMessage::CORVANE);
+    } else if (module == kModuleDebug) {
+        request.set_moduletype(VXCDBMessage::DEBUG);
+    }
+
+    VXCDBMessage_CDBCmd* command = nullptr;
+    bool argumentsOnly = false;
+    for (; i < words.size(); ++i) {
+        const std::string& word = words[i];
+        if (!argumentsOnly && word == "--") {
+            if (command == nullptr) {
+                *error = "'--' must follow an option";
+                return false;
+            }
+            argumentsOnly = true;
+        } else if (!argumentsOnly && IsOptionWord(word)) {
+            command = request.add_cmds();
+            command->set_options(word.substr(2));
+        } else if (command == nullptr) {
+            *error = "expected an option such as --help after module '" + module + "', got '" +
+                     word + "'";
+            return false;
+        } else {
+            command->add_arguments(word);
+        }
+    }
+    if (request.cmds_size() == 0) {
+        *error = "no option given for module '" + module + "' (try: vxcdb " + module + " --help)";
+        return false;
+    }
+    for (VXCDBMessage_CDBCmd& each : *request.mutable_cmds()) {
+        if (each.options() == kHelpOption && each.arguments_size() == 0) {
+            each.add_arguments(kHelpArgument);
+        }
+    }
+    return true;
+}
+
+const char* UsageText() {
+    return "Usage: vxcdb [TOOL OPTION]... MODULE --OPTION [ARGUMENT]... [--OPTION "
+           "[ARGUMENT]...]...\n"
+           "       vxcdb --help\n"
+           "\n"
+           "Sends one request to the camera service's debug channel and prints its reply.\n"
+           "Every --OPTION after MODULE is one command; the words after it are its arguments.\n"
+           "A lone '--' makes all following words arguments of the current command.\n"
+           "\n"
+           "Modules: corvane (the controller's commands), debug (debug commands).\n"
+           "Examples:\n"
+           "  vxcdb corvane --help                    the service's own command list\n"
+           "  vxcdb corvane --inject query            hook groups, cases and hooks\n"
+           "  vxcdb corvane --inject GROUP [ARG]...   inject a hook group\n"
+           "  vxcdb corvane --inject result [GROUP]   injection results\n"
+           "  vxcdb corvane --inject status GROUP | [CAMERA] SENSOR INTERFACE\n"
+           "  vxcdb corvane --inject firmware CMD CAMERA SUBDEV INTERFACE [PARAM]...\n"
+           "  vxcdb corvane --inject clear            remove every injection\n"
+           "  vxcdb corvane --signal NUMBER           raise a signal in the service (1, 6)\n"
+           "  vxcdb debug --dumpimagesensormoduledata\n"
+           "\n"
+           "Tool options (before MODULE):\n"
+           "  --json              print the reply as JSON\n"
+           "  --timeout SECONDS   how long to wait for the reply (default 5)\n"
+           "  --socket PATH       the service's socket (default "
+           "/data/vendor/camera/vxcdb_socket,\n"
+           "                      under $CORVANE_SYSROOT when that is set)\n"
+           "  --help, -h          this text\n"
+           "\n"
+           "Exit status: 0 success, 1 the reply reports an error, 2 bad command line,\n"
+           "3 cannot connect, 4 no reply before the timeout, 5 no usable reply.\n";
+}
+
+}  // namespace vxcdb

@@ -1,0 +1,30 @@
+// The vxcdb command line:
+//   vxcdb [--json] [--timeout SECONDS] [--socket PATH] MODULE --OPTION [ARG...] [--OPTION
+//   [ARG...]]... vxcdb --help
+// Tool options come before the module name. After it, every word that starts with "--" begins a
+// new command (the word without its dashes is the option), the words up to the next one are its
+// arguments; a lone "--" makes every following word an argument of the current command.
+#pragma once
+
+#include <string>
+
+#include "vxcdbmessage.pb.h"
+
+namespace vxcdb {
+
+struct CommandLine {
+    bool showUsage = false;  // "--help" before any module: print the tool's usage locally
+    bool json = false;
+    double timeoutSeconds = 5.0;
+    std::string socketPath;  // empty: the device path (CORVANE_SYSROOT applied on a host)
+    VXCDBMessage request;    // one message: module name and type, one command per option
+};
+
+// Fills `*commandLine` from argv[1..]; false with a one-line reason in `*error` on a mistake.
+bool ParseCommandLine(int argc, const char* const* argv, CommandLine* commandLine,
+                      std::string* error);
+
+// The tool's own usage text (for "vxcdb --help").
+const char* UsageText();
+
+}  // namespace vxcdb
