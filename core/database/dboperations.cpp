@@ -29,6 +29,11 @@ struct TableFree {
 };
 using SqliteTable = std::unique_ptr<char*, TableFree>;
 
+// Two objects share one file (the hook and firmware tables) and lock separately, and a statement
+// that fails blocks its object and deletes the file. A statement that finds the file locked by
+// the other object therefore waits this long for it before it counts as failed.
+constexpr int kBusyTimeoutMs = 2000;
+
 // sqlite3_open hands back a handle even when it fails, unless it could not allocate one.
 int OpenConnection(const std::string& path, Connection& connection) {
     sqlite3* handle = nullptr;
@@ -37,6 +42,8 @@ int OpenConnection(const std::string& path, Connection& connection) {
     if (result != SQLITE_OK) {
         CORVANE_LOGE("Database opening failed, path: %s, error message: %s", path.c_str(),
                      sqlite3_errmsg(handle));
+    } else {
+        sqlite3_busy_timeout(handle, kBusyTimeoutMs);
     }
     return result;
 }

@@ -88,6 +88,7 @@ SAMPLE_FAULT_EXPORT int FaultOisEnableFail(int) {
 // Guard of group "sensor_i2c_guard": writes to the registers named by the group's arguments are
 // refused and reported; every other write goes to the bus.
 SAMPLE_FAULT_EXPORT int GuardSensorI2CWrite(uint16_t slaveAddress, uint16_t reg, uint16_t value) {
+    ReportExecuted("sensor_i2c_write_guard");
     if (IsProtectedRegister("sensor_i2c_guard", reg)) {
         if (CorvaneSystem* system = Controller()) {
             system->ProtectionCallback({1, -EPERM, reg, "SENSORI2C", CALLBACK_MESSAGE_TYPE_BOTH});
