@@ -33,49 +33,62 @@ std::string Shell(const std::string& path, const std::string& sql) {
     return out;
 }
 
-struct HostileParameter {
+struct HostileRequest {
     std::string name;
-    std::string param;  // the firmware command's parameter, as typed
-    std::string error;  // the failed statement's error text in the log
+    std::vector<std::string> arguments;  // as typed, one word each
+    std::string answer;                  // what the reply still says
+    std::string error;                   // the failed statement's error text in the log
 };
 
-void PrintTo(const HostileParameter& hostile, std::ostream* out) {
+void PrintTo(const HostileRequest& hostile, std::ostream* out) {
     *out << hostile.name;
 }
 
-// The firmware command first looks its parameter up ("... and param='%s'"), then stores it.
-const HostileParameter kHostile[] = {
-    {"SecondStatement", "x'; drop table hook_group; --",
+const std::string kEndless =
+    "'||(with recursive c(x) as (select 1 union all select x + 1 from c) select max(x) from c)||'";
+
+const HostileRequest kHostile[] = {
+    // A group's arguments are stored with "... args_array_list = '%s', ...".
+    {"GroupArgumentWithASecondStatement",
+     {"corvane", "--inject", "motion_fault", "a'; drop table hook; --"},
+     "Hook group executed successfully",
      "error message: more than one statement in the request, none was run"},
-    {"EndlessStatement",
-     "'||(with recursive c(x) as (select 1 union all select x + 1 from c) select max(x) from "
-     "c)||'",
+    // A firmware command first looks its parameter up ("... and param='%s'"), then stores it.
+    {"FirmwareParameterWithASecondStatement",
+     {"corvane", "--inject", "firmware", "0", "0", "3", "4", "x'; drop table hook_group; --"},
+     "command executed successfully",
+     "error message: more than one statement in the request, none was run"},
+    {"FirmwareParameterThatNeverEnds",
+     {"corvane", "--inject", "firmware", "0", "0", "3", "4", kEndless},
+     "command executed successfully",
      "error message: interrupted"},
 };
 
-class HostileFirmwareParameter : public ::testing::TestWithParam<HostileParameter> {};
+class HostileRequests : public ::testing::TestWithParam<HostileRequest> {};
 
-TEST_P(HostileFirmwareParameter, FailsLikeInvalidSqlAndTheServiceAnswersOn) {
-    const HostileParameter& hostile = GetParam();
+TEST_P(HostileRequests, FailLikeInvalidSqlAndTheServiceAnswersOn) {
+    const HostileRequest& hostile = GetParam();
     SupervisedService service;
     service.Start();
     ASSERT_TRUE(service.WaitAnswering()) << service.Log();
     // A second name for the file keeps its tables visible after the failure removes the path.
     const std::string witness = service.Path("witness.db");
     ASSERT_EQ(link(service.Path(kHookDb).c_str(), witness.c_str()), 0);
-    const std::string groups = Shell(witness, "select count(*) from hook_group;");
-    ASSERT_EQ(groups, "5\n");  // the groups of the sample configuration
+    const char* kCounts =
+        "select (select count(*) from hook_group), (select count(*) from hook), (select "
+        "count(*) from hook_firmware);";
+    const std::string counts = Shell(witness, kCounts);
+    ASSERT_EQ(counts, "5|8|0\n");  // the groups and hooks of the sample configuration
 
-    VxcdbAnswer answer =
-        service.Vxcdb({"corvane", "--inject", "firmware", "0", "0", "3", "4", hostile.param});
-    // The command still reaches the firmware; only its bookkeeping failed.
+    VxcdbAnswer answer = service.Vxcdb(hostile.arguments);
+    // The command itself still works (the hooks are installed, the firmware hears of it); only
+    // the bookkeeping in the database failed.
     EXPECT_EQ(answer.exitCode, 0) << answer.output;
-    EXPECT_NE(answer.output.find("command executed successfully"), std::string::npos);
+    EXPECT_NE(answer.output.find(hostile.answer), std::string::npos) << answer.output;
     EXPECT_TRUE(service.WaitForLog(hostile.error)) << service.Log();
     EXPECT_TRUE(service.LogContains("SQL statement execution failed, sql: "));
     EXPECT_TRUE(corvanetest::WaitFor([&] { return !service.sysroot().Exists(kHookDb); }));
-    EXPECT_EQ(Shell(witness, "select count(*) from hook_group;"), groups);
-    EXPECT_EQ(Shell(witness, "select count(*) from hook_firmware;"), "0\n");
+    EXPECT_EQ(Shell(witness, kCounts), counts);
 
     EXPECT_EQ(service.Vxcdb({"corvane", "--help"}).exitCode, 0);
     EXPECT_EQ(service.Vxcdb({"corvane", "--inject", "sensor_i2c_fault"}).exitCode, 0);
@@ -83,8 +96,8 @@ TEST_P(HostileFirmwareParameter, FailsLikeInvalidSqlAndTheServiceAnswersOn) {
     EXPECT_TRUE(service.Stop()) << service.Log();
 }
 
-INSTANTIATE_TEST_SUITE_P(Sql, HostileFirmwareParameter, ::testing::ValuesIn(kHostile),
-                         [](const ::testing::TestParamInfo<HostileParameter>& info) {
+INSTANTIATE_TEST_SUITE_P(Sql, HostileRequests, ::testing::ValuesIn(kHostile),
+                         [](const ::testing::TestParamInfo<HostileRequest>& info) {
                              return info.param.name;
                          });
 

@@ -92,6 +92,8 @@ void SupervisedService::Start(bool fileOverride) {
     int log = open(m_log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     m_supervisor = fork();
     if (m_supervisor == 0) {
+        // A test that dies (a crash, a timeout) takes its service down with it.
+        prctl(PR_SET_PDEATHSIG, SIGINT);
         if (!fileOverride) {
             // Dropped from the bounding set, these stay out of the programs executed below.
             // Without the right to do so (not root) there is nothing to drop anyway.
