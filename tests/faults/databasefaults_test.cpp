@@ -2,7 +2,6 @@
 // its database object and removes the file, the service keeps answering, and the next start
 // rebuilds the file with all its tables (what was stored in it is lost).
 #include <gtest/gtest.h>
-#include <stdio.h>
 #include <sys/stat.h>
 
 #include <functional>
@@ -13,25 +12,12 @@
 
 namespace {
 
+using corvanetest::SqliteShell;
 using corvanetest::SupervisedService;
 using corvanetest::WaitFor;
 
 constexpr const char* kHookDb = "data/vendor/camera/hook.db";
 constexpr const char* kFailedStatement = "SQL statement execution failed, sql: ";
-
-std::string Shell(const std::string& path, const std::string& sql) {
-    std::string command = "sqlite3 '" + path + "' \"" + sql + "\" 2>&1";
-    FILE* pipe = popen(command.c_str(), "r");
-    std::string out;
-    char buffer[256];
-    while (pipe != nullptr && fgets(buffer, sizeof(buffer), pipe) != nullptr) {
-        out += buffer;
-    }
-    if (pipe != nullptr) {
-        pclose(pipe);
-    }
-    return out;
-}
 
 struct DatabaseFault {
     std::string name;
@@ -89,7 +75,7 @@ TEST_P(DatabaseFaults, TheObjectBlocksTheServiceAnswersAndTheNextStartRebuildsTh
     ASSERT_TRUE(service.WaitForLog("camera service died by signal 1, restarting")) << service.Log();
     ASSERT_TRUE(service.WaitAnswering()) << service.Log();
     EXPECT_NE(service.ServicePid(), firstPid);
-    EXPECT_EQ(Shell(path, "select name from sqlite_master where type='table' order by 1;"),
+    EXPECT_EQ(SqliteShell(path, "select name from sqlite_master where type='table' order by 1;"),
               "fault_inject_ack\nhook\nhook_case\nhook_firmware\nhook_group\n");
     struct stat info = {};
     ASSERT_EQ(stat(path.c_str(), &info), 0);

@@ -3,7 +3,6 @@
 // object and removing the file, as for any failed statement), and the service keeps answering.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdio.h>
 #include <unistd.h>
 
 #include <ostream>
@@ -14,24 +13,11 @@
 
 namespace {
 
+using corvanetest::ProgramOutput;
+using corvanetest::SqliteShell;
 using corvanetest::SupervisedService;
-using corvanetest::VxcdbAnswer;
 
 constexpr const char* kHookDb = "data/vendor/camera/hook.db";
-
-std::string Shell(const std::string& path, const std::string& sql) {
-    std::string command = "sqlite3 '" + path + "' '" + sql + "' 2>&1";
-    FILE* pipe = popen(command.c_str(), "r");
-    std::string out;
-    char buffer[256];
-    while (pipe != nullptr && fgets(buffer, sizeof(buffer), pipe) != nullptr) {
-        out += buffer;
-    }
-    if (pipe != nullptr) {
-        pclose(pipe);
-    }
-    return out;
-}
 
 struct HostileRequest {
     std::string name;
@@ -77,10 +63,10 @@ TEST_P(HostileRequests, FailLikeInvalidSqlAndTheServiceAnswersOn) {
     const char* kCounts =
         "select (select count(*) from hook_group), (select count(*) from hook), (select "
         "count(*) from hook_firmware);";
-    const std::string counts = Shell(witness, kCounts);
+    const std::string counts = SqliteShell(witness, kCounts);
     ASSERT_EQ(counts, "5|8|0\n");  // the groups and hooks of the sample configuration
 
-    VxcdbAnswer answer = service.Vxcdb(hostile.arguments);
+    ProgramOutput answer = service.Vxcdb(hostile.arguments);
     // The command itself still works (the hooks are installed, the firmware hears of it); only
     // the bookkeeping in the database failed.
     EXPECT_EQ(answer.exitCode, 0) << answer.output;
@@ -88,7 +74,7 @@ TEST_P(HostileRequests, FailLikeInvalidSqlAndTheServiceAnswersOn) {
     EXPECT_TRUE(service.WaitForLog(hostile.error)) << service.Log();
     EXPECT_TRUE(service.LogContains("SQL statement execution failed, sql: "));
     EXPECT_TRUE(corvanetest::WaitFor([&] { return !service.sysroot().Exists(kHookDb); }));
-    EXPECT_EQ(Shell(witness, kCounts), counts);
+    EXPECT_EQ(SqliteShell(witness, kCounts), counts);
 
     EXPECT_EQ(service.Vxcdb({"corvane", "--help"}).exitCode, 0);
     EXPECT_EQ(service.Vxcdb({"corvane", "--inject", "sensor_i2c_fault"}).exitCode, 0);
@@ -108,7 +94,7 @@ TEST(HostileSignals, OnlyTheReloadSignalsAreRaised) {
     ASSERT_TRUE(service.WaitAnswering()) << service.Log();
     const pid_t first = service.ServicePid();
     for (const char* signal : {"9", "15", "2", "11"}) {
-        VxcdbAnswer answer = service.Vxcdb({"corvane", "--signal", signal});
+        ProgramOutput answer = service.Vxcdb({"corvane", "--signal", signal});
         EXPECT_EQ(answer.exitCode, 0) << signal << answer.output;
         EXPECT_TRUE(service.WaitForLog(std::string("error signal type: ") + signal)) << signal;
     }

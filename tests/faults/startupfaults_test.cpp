@@ -14,8 +14,8 @@
 
 namespace {
 
+using corvanetest::ProgramOutput;
 using corvanetest::SupervisedService;
-using corvanetest::VxcdbAnswer;
 
 constexpr const char* kHookCaseFile = "odm/etc/camera/corvanesystem_hook_case.json";
 constexpr const char* kProtectionFile = "odm/etc/camera/protection_config.json";
@@ -130,7 +130,7 @@ TEST_P(StartupFaults, TheServiceComesUpLogsTheFaultAndAnswersWhatItCan) {
     ASSERT_TRUE(service.WaitStarted()) << service.Log();
     const std::string sysroot = service.sysroot().path();
     for (const Probe& probe : fault.probes) {
-        VxcdbAnswer answer = service.Vxcdb(probe.arguments);
+        ProgramOutput answer = service.Vxcdb(probe.arguments);
         EXPECT_EQ(answer.exitCode, probe.exitCode) << probe.arguments.back() << answer.output;
         EXPECT_NE(answer.output.find(WithSysroot(probe.output, sysroot)), std::string::npos)
             << answer.output;

@@ -23,8 +23,8 @@ namespace {
 
 using corvanetest::FiguresOf;
 using corvanetest::ProcessFigures;
+using corvanetest::ProgramOutput;
 using corvanetest::SupervisedService;
-using corvanetest::VxcdbAnswer;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kClients = 16;  // above the listen backlog of 10
@@ -73,7 +73,7 @@ struct Tally {
     std::mutex mutex;
     std::string firstProblem;
 
-    void Record(const Request& request, const VxcdbAnswer& answer) {
+    void Record(const Request& request, const ProgramOutput& answer) {
         ++sent;
         bool answered = corvanetest::IsAnswered(answer);
         bool expected = answer.exitCode == request.exitCode &&

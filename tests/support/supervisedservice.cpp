@@ -54,7 +54,48 @@ std::string StatusField(pid_t pid, const std::string& name) {
 
 }  // namespace
 
-bool IsAnswered(const VxcdbAnswer& answer) {
+ProgramOutput RunProgram(std::vector<std::string> words) {
+    std::vector<char*> argv;
+    for (std::string& word : words) {
+        argv.push_back(word.data());
+    }
+    argv.push_back(nullptr);
+    ProgramOutput answer;
+    int pipeFds[2];
+    if (pipe2(pipeFds, O_CLOEXEC) != 0) {
+        return answer;
+    }
+    // posix_spawn, not fork: tests call this from many threads at once.
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDERR_FILENO);
+    pid_t child = -1;
+    int spawned = posix_spawnp(&child, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(pipeFds[1]);
+    char buffer[4096];
+    ssize_t n;
+    while ((n = read(pipeFds[0], buffer, sizeof(buffer))) > 0) {
+        answer.output.append(buffer, static_cast<size_t>(n));
+    }
+    close(pipeFds[0]);
+    if (spawned != 0) {
+        return answer;
+    }
+    int status = 0;
+    if (waitpid(child, &status, 0) == child && WIFEXITED(status)) {
+        answer.exitCode = WEXITSTATUS(status);
+    }
+    return answer;
+}
+
+std::string SqliteShell(const std::string& path, const std::string& sql) {
+    // The service may be writing: wait for its lock as it waits for ours.
+    return RunProgram({"sqlite3", "-cmd", ".timeout 5000", path, sql}).output;
+}
+
+bool IsAnswered(const ProgramOutput& answer) {
     return answer.exitCode == 0 || answer.exitCode == 1;
 }
 
@@ -133,45 +174,12 @@ bool SupervisedService::Stop() {
     return ended > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-VxcdbAnswer SupervisedService::Vxcdb(const std::vector<std::string>& arguments,
-                                     double timeoutSeconds) const {
-    std::string program = BinDir() + "/vxcdb";
-    std::vector<std::string> words = {program, "--timeout", std::to_string(timeoutSeconds)};
+ProgramOutput SupervisedService::Vxcdb(const std::vector<std::string>& arguments,
+                                       double timeoutSeconds) const {
+    std::vector<std::string> words = {BinDir() + "/vxcdb", "--timeout",
+                                      std::to_string(timeoutSeconds)};
     words.insert(words.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (std::string& word : words) {
-        argv.push_back(word.data());
-    }
-    argv.push_back(nullptr);
-
-    VxcdbAnswer answer;
-    int pipeFds[2];
-    if (pipe2(pipeFds, O_CLOEXEC) != 0) {
-        return answer;
-    }
-    // posix_spawn, not fork: tests call this from many threads at once.
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDERR_FILENO);
-    pid_t child = -1;
-    int spawned = posix_spawn(&child, program.c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    close(pipeFds[1]);
-    char buffer[4096];
-    ssize_t n;
-    while ((n = read(pipeFds[0], buffer, sizeof(buffer))) > 0) {
-        answer.output.append(buffer, static_cast<size_t>(n));
-    }
-    close(pipeFds[0]);
-    if (spawned != 0) {
-        return answer;
-    }
-    int status = 0;
-    if (waitpid(child, &status, 0) == child && WIFEXITED(status)) {
-        answer.exitCode = WEXITSTATUS(status);
-    }
-    return answer;
+    return RunProgram(words);
 }
 
 std::string SupervisedService::Log() const {

@@ -13,14 +13,20 @@
 
 namespace corvanetest {
 
-// What one vxcdb run printed (standard output and error together) and its exit code.
-struct VxcdbAnswer {
+// What one program run printed (standard output and error together) and its exit code.
+struct ProgramOutput {
     std::string output;
     int exitCode = -1;  // -1 when it did not exit normally
 };
 
 // vxcdb's exit codes for a request that got a reply: 0, or 1 when the reply carries an error.
-bool IsAnswered(const VxcdbAnswer& answer);
+bool IsAnswered(const ProgramOutput& answer);
+
+// Runs a program (looked up in PATH when the name has no slash) with these words as its argv, no
+// shell involved; its output and exit code. Safe to call from many threads.
+ProgramOutput RunProgram(std::vector<std::string> words);
+// What the sqlite3 command-line shell prints for `sql` run on the database at `path`.
+std::string SqliteShell(const std::string& path, const std::string& sql);
 
 // Resources a process holds, read from /proc.
 struct ProcessFigures {
@@ -58,7 +64,8 @@ class SupervisedService {
     bool Stop();
 
     // Runs vxcdb with these arguments (no shell involved: arguments are passed as they are).
-    VxcdbAnswer Vxcdb(const std::vector<std::string>& arguments, double timeoutSeconds = 10) const;
+    ProgramOutput Vxcdb(const std::vector<std::string>& arguments,
+                        double timeoutSeconds = 10) const;
 
     std::string Log() const;
     int CountInLog(const std::string& text) const;
