@@ -56,8 +56,9 @@ TEST_P(DatabaseFaults, TheObjectBlocksTheServiceAnswersAndTheNextStartRebuildsTh
     // Injecting writes the group's state; the pipeline, hitting the injected hooks, writes
     // their executed marks. The first of these writes fails.
     EXPECT_EQ(service.Vxcdb({"corvane", "--inject", "sensor_i2c_fault"}).exitCode, 0);
-    EXPECT_TRUE(service.WaitForLog(kFailedStatement)) << service.Log();
-    EXPECT_TRUE(service.LogContains("error message: " + fault.error)) << service.Log();
+    // The error text ends the line: once it is there, the whole line is.
+    EXPECT_TRUE(service.WaitForLog("error message: " + fault.error)) << service.Log();
+    EXPECT_TRUE(service.LogContains(kFailedStatement));
     EXPECT_TRUE(WaitFor([&] { return !service.sysroot().Exists(kHookDb); }));
 
     // Blocked: what goes on needs no file and logs no further failure.

@@ -33,6 +33,7 @@ struct StartupFault {
     // Log lines expected; "@" stands for the sysroot's path.
     std::vector<std::string> logLines;
     std::vector<Probe> probes;
+    bool channel = true;  // whether the debug channel comes up
 };
 
 void Remove(SupervisedService& service, const std::string& relative) {
@@ -112,7 +113,8 @@ const StartupFault kFaults[] = {
       "Database opening failed, path: @/data/vendor/camera/hook.db, error message: unable to "
       "open database file",
       "Failed to write file: data/vendor/camera/probe_messages.json"},
-     {{{"corvane", "--help"}, 3, "cannot connect to @/data/vendor/camera/vxcdb_socket"}}},
+     {{{"corvane", "--help"}, 3, "cannot connect to @/data/vendor/camera/vxcdb_socket"}},
+     false},
 };
 
 // Names the case in test listings.
@@ -127,7 +129,11 @@ TEST_P(StartupFaults, TheServiceComesUpLogsTheFaultAndAnswersWhatItCan) {
     SupervisedService service;
     fault.breakIt(service);
     service.Start();
-    ASSERT_TRUE(service.WaitStarted()) << service.Log();
+    // The channel listens from a thread of its own, maybe a moment after the service is ready.
+    ASSERT_TRUE(fault.channel ? service.WaitAnswering()
+                              : service.WaitStarted() &&
+                                    service.WaitForLog("Failed to listen on socket, error: "))
+        << service.Log();
     const std::string sysroot = service.sysroot().path();
     for (const Probe& probe : fault.probes) {
         ProgramOutput answer = service.Vxcdb(probe.arguments);
