@@ -300,24 +300,16 @@ HookStatus HookEngine::OpenTargetWindow(const Site& site, CodeWindow* window) co
 
 HookStatus HookEngine::InstallFirstHook(Site& site, uintptr_t replacement, void** orig,
                                         void** stub) {
-    uintptr_t relay = 0;
-    HookStatus status = AcquireRelay(site, &relay);
-    if (!status.ok()) {
-        return status;
-    }
+    // The first hook of a function needs no relay of its own: whatever happens to later hooks,
+    // what runs after it is always the original function.
     // Made before the pause: until Resume() nothing may allocate (see ThreadPause).
-    HookRecord* record = NewRecord(site, replacement, relay);
+    HookRecord* record = NewRecord(site, replacement, 0);
     CodeWindow islandWindow;
     CodeWindow targetWindow;
-    status = islandWindow.Open(relay, kRelaySize, IslandAllocator::kIslandProt);
-    if (status.ok()) {
-        status = islandWindow.Open(site.entryRelay, kRelaySize, IslandAllocator::kIslandProt);
-    }
+    HookStatus status =
+        islandWindow.Open(site.entryRelay, kRelaySize, IslandAllocator::kIslandProt);
     if (status.ok()) {
         status = OpenTargetWindow(site, &targetWindow);
-    }
-    if (status.ok()) {
-        StoreSlot(SlotOf(relay), site.trampoline);  // the only hook: orig is the original
     }
     ThreadPause pause;
     bool atomic = CanStoreCodeAtomically(site.target, kPatchSize);
@@ -327,11 +319,10 @@ HookStatus HookEngine::InstallFirstHook(Site& site, uintptr_t replacement, void*
     }
     if (!status.ok()) {
         m_hooks.erase(record->id);
-        ReturnUnusedRelay(site, relay);
         return status;
     }
     if (orig != nullptr) {
-        __atomic_store_n(orig, reinterpret_cast<void*>(relay), __ATOMIC_RELEASE);
+        __atomic_store_n(orig, reinterpret_cast<void*>(site.trampoline), __ATOMIC_RELEASE);
     }
     StoreSlot(SlotOf(site.entryRelay), replacement);
     WriteEntry(site.target, site.patch);
@@ -342,9 +333,9 @@ HookStatus HookEngine::InstallFirstHook(Site& site, uintptr_t replacement, void*
     site.patched = true;
     site.chain.push_back(record);
     *stub = reinterpret_cast<void*>(static_cast<uintptr_t>(record->id));
-    INLINEHOOK_LOGI("hooked %s -> %#lx, orig %#lx, stub %p: entry patched %s",
+    INLINEHOOK_LOGI("hooked %s -> %#lx, orig %#lx (trampoline), stub %p: entry patched %s",
                     Describe(site.target).c_str(), static_cast<unsigned long>(replacement),
-                    static_cast<unsigned long>(relay), *stub,
+                    static_cast<unsigned long>(site.trampoline), *stub,
                     needPause ? Format("with %zu other threads paused (%zu skipped)",
                                        pause.pausedThreads(), pause.skippedThreads())
                                     .c_str()
@@ -414,13 +405,13 @@ HookStatus HookEngine::Unhook(void* stub) {
     bool newest = index + 1 == site.chain.size();
     bool last = site.chain.size() == 1;
 
+    // What ran after this hook (the previous hook's replacement, or the original function) now
+    // runs after the hook before it in the chain, or first.
+    uintptr_t next = record.relay != 0 ? LoadSlot(SlotOf(record.relay)) : site.trampoline;
+    uintptr_t redirected = newest ? site.entryRelay : site.chain[index + 1]->relay;
     CodeWindow islandWindow;
     CodeWindow targetWindow;
-    HookStatus status = islandWindow.Open(record.relay, kRelaySize, IslandAllocator::kIslandProt);
-    if (status.ok()) {
-        status = islandWindow.Open(newest ? site.entryRelay : site.chain[index + 1]->relay,
-                                   kRelaySize, IslandAllocator::kIslandProt);
-    }
+    HookStatus status = islandWindow.Open(redirected, kRelaySize, IslandAllocator::kIslandProt);
     ThreadPause pause;
     bool needPause = last && !CanStoreCodeAtomically(site.target, kPatchSize);
     if (status.ok() && last) {
@@ -432,12 +423,9 @@ HookStatus HookEngine::Unhook(void* stub) {
     if (!status.ok()) {
         return status;  // nothing changed
     }
-    // What ran after this hook (the previous hook's replacement, or the trampoline) now runs
-    // after the hook before it in the chain, or first.
-    // The removed hook's own relay keeps leading there too: a thread still inside the removed
+    // The removed hook's own relay keeps leading where it led: a thread still inside the removed
     // replacement finishes its call through the chain as it was when the call began.
-    uintptr_t next = LoadSlot(SlotOf(record.relay));
-    StoreSlot(newest ? SlotOf(site.entryRelay) : SlotOf(site.chain[index + 1]->relay), next);
+    StoreSlot(SlotOf(redirected), next);
     if (last) {
         WriteEntry(site.target, site.original);
         SyncCores();
@@ -450,7 +438,9 @@ HookStatus HookEngine::Unhook(void* stub) {
         site.patched = false;
     }
     site.chain.erase(site.chain.begin() + static_cast<std::ptrdiff_t>(index));
-    site.retiredRelays.emplace_back(record.relay, std::chrono::steady_clock::now());
+    if (record.relay != 0) {
+        site.retiredRelays.emplace_back(record.relay, std::chrono::steady_clock::now());
+    }
     INLINEHOOK_LOGI(
         "unhooked stub %p from %s: %s", stub, Describe(site.target).c_str(),
         last ? "original bytes restored" : Format("%zu hooks remain", site.chain.size()).c_str());
