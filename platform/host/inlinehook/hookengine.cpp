@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <link.h>
+#include <pthread.h>
 #include <string.h>
 #include <sys/mman.h>
 
@@ -28,7 +29,7 @@ uintptr_t SlotOf(uintptr_t relay) {
 }
 
 void WriteRelay(uintptr_t relay, uintptr_t target) {
-    memcpy(reinterpret_cast<void*>(relay), kRelayCode, sizeof(kRelayCode));
+    CopyToCode(relay, kRelayCode, sizeof(kRelayCode));
     StoreSlot(SlotOf(relay), target);
 }
 
@@ -38,7 +39,7 @@ void WriteEntry(uintptr_t target, const uint8_t* bytes) {
     if (CanStoreCodeAtomically(target, kPatchSize)) {
         StoreCodeAtomically(target, bytes, kPatchSize);
     } else {
-        memcpy(reinterpret_cast<void*>(target), bytes, kPatchSize);
+        CopyToCode(target, bytes, kPatchSize);
     }
 }
 
@@ -96,7 +97,16 @@ HookStatus HookEngine::Initialise(shadowhook_mode_t mode) {
         return status;
     }
     RegisterCoreSync();
+    pthread_atfork(LockForFork, UnlockAfterFork, UnlockAfterFork);
     return HookStatus::Ok();
+}
+
+void HookEngine::LockForFork() {
+    Instance().m_mutex.lock();
+}
+
+void HookEngine::UnlockAfterFork() {
+    Instance().m_mutex.unlock();
 }
 
 HookStatus HookEngine::Hook(uintptr_t target, uintptr_t replacement, void** orig, void** stub) {
@@ -184,10 +194,10 @@ HookStatus HookEngine::BuildSite(uintptr_t target, std::unique_ptr<Site>* out) {
             return status;
         }
         WriteRelay(site->entryRelay, site->trampoline);
-        memcpy(reinterpret_cast<void*>(site->trampoline), code.data(), code.size());
+        CopyToCode(site->trampoline, code.data(), code.size());
     }
 
-    memcpy(site->original, reinterpret_cast<const void*>(target), site->regionLength);
+    CopyFromCode(site->original, target, site->regionLength);
     int32_t rel = static_cast<int32_t>(site->entryRelay - (target + kPatchSize));
     site->patch[0] = 0xe9;
     memcpy(site->patch + 1, &rel, sizeof(rel));
@@ -227,8 +237,9 @@ bool HookEngine::SiteStillMatches(const Site& site) const {
             return false;
         }
     }
-    return memcmp(reinterpret_cast<const void*>(site.target), site.original, site.regionLength) ==
-           0;
+    uint8_t current[sizeof(site.original)];
+    CopyFromCode(current, site.target, site.regionLength);
+    return memcmp(current, site.original, site.regionLength) == 0;
 }
 
 HookStatus HookEngine::CheckOverlap(uintptr_t target, size_t length) const {

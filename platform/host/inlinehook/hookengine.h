@@ -91,6 +91,11 @@ class HookEngine {
         std::deque<std::pair<uintptr_t, std::chrono::steady_clock::time_point>> retiredRelays;
     };
 
+    // Hold the mutex across fork(), so that a child never inherits it locked by a thread that
+    // does not exist there.
+    static void LockForFork();
+    static void UnlockAfterFork();
+
     HookStatus BuildSite(uintptr_t target, std::unique_ptr<Site>* site);
     bool SiteStillMatches(const Site& site) const;
     HookStatus CheckOverlap(uintptr_t target, size_t length) const;
