@@ -18,7 +18,6 @@ namespace corvane::inlinehook {
 namespace {
 
 constexpr size_t kPatchSize = PrologueRelocator::kPatchSize;
-constexpr uintptr_t kPageMask = ~static_cast<uintptr_t>(4095);
 // A relay: jmp qword [rip + 2] ; int3 ; int3 ; then the 8-byte aligned slot it jumps through.
 constexpr size_t kRelaySize = 16;
 constexpr size_t kSlotOffset = 8;
@@ -158,8 +157,11 @@ HookStatus HookEngine::BuildSite(uintptr_t target, std::unique_ptr<Site>* out) {
     CodeBounds bounds;
     bounds.readableEnd = map.ReadableEnd(target);
     FindSymbol(target, &site->objectBase, &site->symbolStart, &site->symbolEnd);
-    bounds.functionStart = site->symbolStart;
-    bounds.functionEnd = site->symbolEnd;
+    // A symbol whose size runs outside the readable code around it is not believed.
+    if (site->symbolStart >= region->start && site->symbolEnd <= bounds.readableEnd) {
+        bounds.functionStart = site->symbolStart;
+        bounds.functionEnd = site->symbolEnd;
+    }
 
     PrologueRelocator relocator;
     status = relocator.Analyze(target, bounds);
@@ -297,6 +299,7 @@ HookEngine::HookRecord* HookEngine::NewRecord(Site& site, uintptr_t replacement,
     record->relay = relay;
     HookRecord* raw = record.get();
     m_hooks.emplace(raw->id, std::move(record));
+    // So that adding the hook to the chain cannot fail once the hook is live.
     site.chain.reserve(site.chain.size() + 1);
     return raw;
 }
