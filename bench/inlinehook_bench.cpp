@@ -157,7 +157,7 @@ void BM_CallThroughHookCallingOrig(benchmark::State& state, bool replacementInLi
     void* replacement = reinterpret_cast<void*>(BoundReplacement);
     void** orig = &g_boundOrig;
     if (replacementInLibrary) {
-        const char* library = CORVANE_LIB_DIR "/libinlinehook_testlib.so";
+        const char* library = CORVANE_LIB_DIR "/../testlib/libinlinehook_testlib.so";
         replacement = Lookup(library, "ih_forward");
         orig = static_cast<void**>(Lookup(library, "ih_forward_orig"));
         if (replacement == nullptr || orig == nullptr) {
