@@ -38,7 +38,7 @@ class CodeWindow {
 
 // True when `length` (at most 8) bytes at `address` can be replaced by one atomic store: they lie
 // within one 64-byte cache line, so an 8-byte window around them can be swapped with a locked
-// compare-exchange (or a plain aligned store) without a split lock.
+// compare-exchange (an exchange when aligned) without a split lock.
 bool CanStoreCodeAtomically(uintptr_t address, size_t length);
 // Replaces the bytes in one atomic operation; requires CanStoreCodeAtomically. The bytes around
 // them inside the 8-byte window are kept as they are.
