@@ -12,6 +12,7 @@
 
 #include "core/controller/corvanesystemlog.h"
 #include "utils/json/jsonparse.h"
+#include "utils/scopedfd.h"
 
 namespace {
 
@@ -101,23 +102,6 @@ void AppendScalarEntry(const std::string& name, const Value& value, std::vector<
     }
     out.emplace_back(name, std::move(data));
 }
-
-// Closes a descriptor when it goes out of scope.
-class ScopedFd {
-  public:
-    explicit ScopedFd(int fd) : m_fd(fd) {}
-    ~ScopedFd() {
-        if (m_fd >= 0) {
-            close(m_fd);
-        }
-    }
-    ScopedFd(const ScopedFd&) = delete;
-    ScopedFd& operator=(const ScopedFd&) = delete;
-    int get() const { return m_fd; }
-
-  private:
-    int m_fd;
-};
 
 }  // namespace
 

@@ -12,6 +12,7 @@
 #include "core/client/clientimpl.h"
 #include "core/controller/corvanesystemlog.h"
 #include "core/server/serverimpl.h"
+#include "utils/scopedfd.h"
 
 namespace {
 
@@ -22,24 +23,6 @@ constexpr std::chrono::milliseconds kAcceptBackoff(10);
 bool IsResourceExhausted(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
-
-// Closes a descriptor on every early return of the set-up.
-class ScopedFd {
-  public:
-    explicit ScopedFd(int fd) : m_fd(fd) {}
-    ~ScopedFd() {
-        if (m_fd >= 0) {
-            close(m_fd);
-        }
-    }
-    ScopedFd(const ScopedFd&) = delete;
-    ScopedFd& operator=(const ScopedFd&) = delete;
-    int get() const { return m_fd; }
-    int release() { return std::exchange(m_fd, -1); }
-
-  private:
-    int m_fd;
-};
 
 }  // namespace
 

@@ -9,27 +9,13 @@
 
 #include <chrono>
 
+#include "utils/scopedfd.h"
+
 namespace vxcdb {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-class SocketFd {
-  public:
-    explicit SocketFd(int fd) : m_fd(fd) {}
-    ~SocketFd() {
-        if (m_fd >= 0) {
-            close(m_fd);
-        }
-    }
-    SocketFd(const SocketFd&) = delete;
-    SocketFd& operator=(const SocketFd&) = delete;
-    int get() const { return m_fd; }
-
-  private:
-    int m_fd;
-};
 
 std::string ErrorText(int error) {
     char buffer[128];
@@ -59,7 +45,7 @@ ExchangeResult Exchange(const std::string& socketPath, const VXCDBMessageString&
     }
     memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
 
-    SocketFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ScopedFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (fd.get() < 0) {
         return Fail(ExchangeStatus::kCannotConnect, "socket: " + ErrorText(errno));
     }

@@ -17,6 +17,7 @@
 #include "platform/corvanesystembigdata.h"
 #include "platform/devicepath.h"
 #include "shadowhook.h"
+#include "utils/scopedfd.h"
 
 namespace {
 
@@ -42,22 +43,6 @@ constexpr uint32_t kReportCount = 1;
 constexpr BDErrorType kReportErrorType = BDErrorType::I2C;
 
 constexpr ProtectionScheme kLastScheme = ProtectionScheme::ZOOMI2C;
-
-class ScopedFd {
-  public:
-    explicit ScopedFd(int fd) : m_fd(fd) {}
-    ~ScopedFd() {
-        if (m_fd >= 0) {
-            close(m_fd);
-        }
-    }
-    ScopedFd(const ScopedFd&) = delete;
-    ScopedFd& operator=(const ScopedFd&) = delete;
-    int get() const { return m_fd; }
-
-  private:
-    int m_fd;
-};
 
 // strerror_r comes in two shapes (GNU returns the text, XSI fills the buffer); both are handled.
 [[maybe_unused]] const char* ErrorText(int, const char* buffer) {
