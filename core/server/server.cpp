@@ -12,6 +12,7 @@
 #include "core/client/clientimpl.h"
 #include "core/controller/corvanesystemlog.h"
 #include "core/server/serverimpl.h"
+#include "utils/errortext.h"
 #include "utils/scopedfd.h"
 
 namespace {
@@ -82,8 +83,7 @@ int ServerImpl::SetupConnect() {
     unlink(m_socketPath.c_str());  // a socket file left by an earlier run would make bind fail
     ScopedFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (fd.get() < 0) {
-        char text[128];
-        CORVANE_LOGE("Failed to create socket, error: %s", strerror_r(errno, text, sizeof(text)));
+        CORVANE_LOGE("Failed to create socket, error: %s", ErrorText(errno).c_str());
         return 1;
     }
     sockaddr_un address = {};
@@ -98,9 +98,7 @@ int ServerImpl::SetupConnect() {
         return 1;
     }
     if (listen(fd.get(), m_backlog) != 0) {
-        char text[128];
-        CORVANE_LOGE("Failed to listen on socket, error: %s",
-                     strerror_r(errno, text, sizeof(text)));
+        CORVANE_LOGE("Failed to listen on socket, error: %s", ErrorText(errno).c_str());
         return 1;
     }
     m_listenFd = fd.release();

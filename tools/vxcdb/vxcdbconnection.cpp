@@ -9,6 +9,7 @@
 
 #include <chrono>
 
+#include "utils/errortext.h"
 #include "utils/scopedfd.h"
 
 namespace vxcdb {
@@ -16,11 +17,6 @@ namespace vxcdb {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-std::string ErrorText(int error) {
-    char buffer[128];
-    return strerror_r(error, buffer, sizeof(buffer));
-}
 
 int RemainingMs(Clock::time_point deadline) {
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
