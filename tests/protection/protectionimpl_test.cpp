@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -19,11 +18,10 @@
 
 namespace {
 
-using corvanetest::ChildSucceeded;
+using corvanetest::ExpectInChild;
 using corvanetest::kBigDataReportFile;
 using corvanetest::LogCapture;
 using corvanetest::ReadReports;
-using corvanetest::RunTestInChild;
 using corvanetest::TestSysroot;
 
 constexpr const char* kMainSwitch =
@@ -39,10 +37,6 @@ constexpr const char* kDbFile = "data/vendor/camera/protecion.db";
 constexpr const char* kDirectory = "<directory>";
 
 // Runs a scenario in a child process; the child prints its own failures.
-void ExpectInChild(const std::function<void()>& body) {
-    EXPECT_TRUE(ChildSucceeded(RunTestInChild(body))) << "the scenario failed in its child";
-}
-
 // An unconfigured model (no hook engine), as the controller makes without "hookswitch".
 std::unique_ptr<ProtectionImpl, void (*)(Protection*)> NewProtection() {
     return {static_cast<ProtectionImpl*>(Protection::Create(nullptr, -1)), Protection::Destroy};
