@@ -125,16 +125,8 @@ TEST_F(EngineCommands, FirmwareCommandIsHandedToTheEngine) {
               (Entries{{"type", {"string"}}, {"message", {"command executed successfully"}}}));
     EXPECT_EQ(Inject({"firmware", "0", "255", "0", "9"}),
               (Entries{{"type", {"string"}}, {"message", {"command executed successfully"}}}));
-    ASSERT_EQ(m_engine.processed.size(), 2u);
-    HookFw first;
-    first.cmd_id = 1;
-    first.cam_module_id = 2;
-    first.subdev_id = 3;
-    first.interface_id = 4;
-    first.param = "delay 100";
-    EXPECT_EQ(m_engine.processed[0], first);
-    EXPECT_EQ(m_engine.processed[1].cam_module_id, 255);
-    EXPECT_EQ(m_engine.processed[1].param, "");
+    EXPECT_EQ(m_engine.processed,
+              (std::vector<HookFw>{{1, 2, 3, 4, "delay 100"}, {0, 255, 0, 9, ""}}));
 }
 
 TEST_F(EngineCommands, FirmwareNumbersOutOfRangeAreRefusedWithTheField) {

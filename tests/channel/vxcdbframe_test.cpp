@@ -38,18 +38,6 @@ TEST(VXCDBFrame, RepliesUpTo4095BytesAreFramedAnd4096IsRefused) {
     EXPECT_TRUE(log.Contains("payload size 4096 exceeds the max payload size 4096")) << log.Dump();
 }
 
-TEST(VXCDBFrame, EmptyMessageFramesAsZeroLengthAndZeroPayload) {
-    CorvaneSystemImpl system;
-    VXCDBMessage empty;
-    VXCDBMessageString frame;
-    memset(&frame, 0, sizeof(frame));
-    ASSERT_EQ(system.FormatSocketMsg(empty, &frame), 0);
-    EXPECT_EQ(frame.payloadLen, 0);
-    EXPECT_EQ(frame.msgType, 0);
-    EXPECT_TRUE(std::all_of(frame.payload, frame.payload + sizeof(frame.payload),
-                            [](char c) { return c == 0; }));
-}
-
 TEST(VXCDBFrame, AbsentModuleTypeReadsAsMaxAndUnknownFieldsAreKept) {
     VXCDBMessage request = Request("corvane", {{"help", {"x"}}}, std::nullopt);
     std::string bytes = request.SerializeAsString();
