@@ -74,7 +74,7 @@ TEST_F(EngineCommands, HookGroupIsInjectedThenJudged) {
 }
 
 TEST_F(EngineCommands, StatusOfOneAddress) {
-    m_engine.SetHookId("i2c_read", 2, 3);
+    m_engine.hookIds["i2c_read"] = {2, 3};
     m_engine.acks = {{"i2c_read", "0", "2", "3", "0x10"},
                      {"i2c_read", "1", "2", "3", ""},
                      {"other", "0", "2", "3", "0x01"}};
@@ -104,8 +104,8 @@ TEST_F(EngineCommands, StatusOfAGroupFollowsItsHooks) {
     m_engine.AddRelation("other", 4, "caseD", "spi_write");
     m_engine.AddRelation("g", 3, "caseC", "i2c_write");
     m_engine.AddRelation("g", 5, "caseE", "unnumbered");
-    m_engine.SetHookId("i2c_read", 2, 1);
-    m_engine.SetHookId("i2c_write", 3, 7);
+    m_engine.hookIds["i2c_read"] = {2, 1};
+    m_engine.hookIds["i2c_write"] = {3, 7};
     m_engine.acks = {{"i2c_read", "0", "2", "1", "0x10"}, {"i2c_read", "1", "2", "1", "0x20"}};
     const std::string header = "group name,hook name,camera id,sensor id,interface id,status";
 
