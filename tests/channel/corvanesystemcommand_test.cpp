@@ -94,19 +94,6 @@ TEST_F(CommandDispatch, OtherCommandsAnswerAsUsersExpect) {
     EXPECT_TRUE(log.Contains("error signal type: 15")) << log.Dump();
 }
 
-TEST_F(CommandDispatch, ReplyCopiesModuleAndAnswersCommandsInOrder) {
-    VXCDBMessage reply = m_controller.Execute(
-        Frame(Request("corvane", {{"inject", {"clear"}}, {"signal", {"0"}}, {"help", {"x"}}})));
-    EXPECT_EQ(reply.modulename(), "corvane");
-    EXPECT_EQ(reply.moduletype(), VXCDBMessage::CORVANE);
-    Entries expected = TableEntries("result", {"<cleared>"});
-    Entries error = ErrorEntries("Signal value is out of valid range (1-64)");
-    expected.insert(expected.end(), error.begin(), error.end());
-    expected.push_back({"type", {"string"}});
-    expected.push_back({"help", {kExpectedHelp}});
-    EXPECT_EQ(EntriesOf(reply), expected);
-}
-
 TEST_F(CommandDispatch, RequestWithoutCommandsGetsAnEmptyReplyNamingItsModule) {
     VXCDBMessage reply = m_controller.Execute(Frame(Request("debug", {}, VXCDBMessage::DEBUG)));
     EXPECT_TRUE(reply.has_modulename());
