@@ -13,12 +13,7 @@
 
 namespace {
 
-using corvanetest::ChildSucceeded;
-using corvanetest::ExpectInChild;
-using corvanetest::LogCapture;
-using corvanetest::RunInChild;
-using corvanetest::ScopedChdir;
-using corvanetest::TestSysroot;
+using namespace corvanetest;
 
 constexpr const char* kModSwitch = "persist.vendor.camera.cloud.corvanesystem.modswitch";
 

@@ -8,10 +8,7 @@
 
 namespace {
 
-using corvanetest::ChildSucceeded;
-using corvanetest::LogCapture;
-using corvanetest::RunInChild;
-using corvanetest::TestSysroot;
+using namespace corvanetest;
 
 constexpr const char* kLevelProperty = "persist.vendor.camera.cloud.corvanesys.loglevel";
 

@@ -18,10 +18,7 @@
 
 namespace {
 
-using corvanetest::ExpectInChild;
-using corvanetest::LogCapture;
-using corvanetest::LogLine;
-using corvanetest::TestSysroot;
+using namespace corvanetest;
 
 constexpr const char* TAG = "[MESSAGECENTER]";
 constexpr const char* NOT_LOADED = "m_pCorvaneSystemCore is NULL";

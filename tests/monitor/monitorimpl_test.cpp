@@ -16,9 +16,7 @@
 
 namespace {
 
-using corvanetest::ExpectInChild;
-using corvanetest::LogCapture;
-using corvanetest::TestSysroot;
+using namespace corvanetest;
 
 constexpr const char* kHistory = "data/vendor/camera/probe_messages.json";
 constexpr const char* kReadFailure =

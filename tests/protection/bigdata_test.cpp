@@ -16,11 +16,7 @@
 
 namespace {
 
-using corvanetest::ExpectInChild;
-using corvanetest::kBigDataReportFile;
-using corvanetest::LogCapture;
-using corvanetest::ReadReports;
-using corvanetest::TestSysroot;
+using namespace corvanetest;
 
 int Send(const std::string& name, uint32_t value, const std::string& kind) {
     return CorvaneSystemBigData::SendMessage(BDPropertyType::PROTECTION, name, BDDeviceType::CAMERA,

@@ -18,11 +18,7 @@
 
 namespace {
 
-using corvanetest::ExpectInChild;
-using corvanetest::kBigDataReportFile;
-using corvanetest::LogCapture;
-using corvanetest::ReadReports;
-using corvanetest::TestSysroot;
+using namespace corvanetest;
 
 constexpr const char* kMainSwitch =
     "persist.vendor.camera.cloud.corvanesystem.protection.mainswitch";
