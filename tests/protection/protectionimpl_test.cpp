@@ -288,7 +288,6 @@ TEST(ProtectionImplTest, KernelSchemeIsWrittenToTheCameraModuleThroughTheControl
     };
     const Row rows[] = {
         {"1", "1", nullptr, ProtectionScheme::KERNELI2C, "0", "1"},
-        {"1", nullptr, "1", ProtectionScheme::KERNELI2C, "0", "1"},
         {"1", "0", nullptr, ProtectionScheme::KERNELI2C, "1", "0"},
         {"0", "1", nullptr, ProtectionScheme::KERNELI2C, "1", "0"},
         {"1", "1", nullptr, ProtectionScheme::SENSORI2C, "0", "0"},  // other schemes: nothing
