@@ -29,10 +29,28 @@ std::vector<Message> Received() {
     return g_dynamic;
 }
 
-std::vector<unsigned char> Payload(const Message& message) {
-    std::vector<unsigned char> bytes;
-    GetBytesData(message, "payload", &bytes);
-    return bytes;
+// "topic key=value ...", every value as it was stored (bytes separated by spaces).
+std::string Describe(const Message& message) {
+    std::string text = message.topic;
+    for (const auto& [key, data] : message.data) {
+        uint32_t int32 = 0;
+        uint64_t int64 = 0;
+        std::string string;
+        std::vector<unsigned char> bytes;
+        text += " " + key + "=";
+        if (GetInt32Data(data, &int32)) {
+            text += std::to_string(int32);
+        } else if (GetInt64Data(data, &int64)) {
+            text += std::to_string(int64);
+        } else if (GetStringData(data, &string)) {
+            text += string;
+        } else if (GetBytesData(data, &bytes)) {
+            for (size_t i = 0; i < bytes.size(); ++i) {
+                text += (i == 0 ? "" : " ") + std::to_string(bytes[i]);
+            }
+        }
+    }
+    return text;
 }
 
 // A sysroot with the bus and the firmware sub-module on; case 2 holds the hook with id 3.
@@ -65,21 +83,13 @@ TEST(HookFirmwareTest, InjectionsAreStoredOncePerTripleAndEachIsSent) {
         EXPECT_EQ(Sql(sysroot / kHookDb, "select * from hook_firmware"), "1|2|3|second\n");
         auto sent = Received();
         ASSERT_EQ(sent.size(), 2u);
-        EXPECT_EQ(sent[1].topic, "dynamic");
-        EXPECT_EQ(Payload(sent[1]), (std::vector<unsigned char>{0, 1, 2, 3}));
-        std::string param;
-        EXPECT_TRUE(GetStringData(sent[1], "param", &param));
-        EXPECT_EQ(param, "second");
-        EXPECT_EQ(sent[1].data.count("length"), 0u);
+        EXPECT_EQ(Describe(sent[1]), "dynamic param=second payload=0 1 2 3");
 
         EXPECT_EQ(engine->ProcessCmds(HookFw{2, 0, 0, 0, ""}), 0);  // clear all
         EXPECT_EQ(Sql(sysroot / kHookDb, "select count(*) from hook_firmware"), "0\n");
         sent = Received();
         ASSERT_EQ(sent.size(), 3u);
-        EXPECT_EQ(Payload(sent[2]), (std::vector<unsigned char>{2, 0, 0, 0}));
-        uint32_t length = 0;
-        EXPECT_TRUE(GetInt32Data(sent[2], "length", &length));
-        EXPECT_EQ(length, 4u);
+        EXPECT_EQ(Describe(sent[2]), "dynamic length=4 payload=2 0 0 0");
     });
 }
 
@@ -116,10 +126,7 @@ TEST(HookFirmwareTest, AcknowledgementMarksTheHookAndIsRemovedWithItsCommand) {
         EXPECT_EQ(Sql(sysroot / kHookDb, "select count(*) from fault_inject_ack"), "0\n");
         auto sent = Received();
         ASSERT_EQ(sent.size(), 1u);
-        EXPECT_EQ(Payload(sent[0]), (std::vector<unsigned char>{1, 1, 2, 3}));
-        uint32_t length = 0;
-        EXPECT_TRUE(GetInt32Data(sent[0], "length", &length));
-        EXPECT_EQ(length, 4u);
+        EXPECT_EQ(Describe(sent[0]), "dynamic length=4 param=p payload=1 1 2 3");
     });
 }
 
@@ -137,15 +144,8 @@ TEST(HookFirmwareTest, PendingCommandsSurviveARestartAndAreReplayedAtBoot) {
         request.data["payload"] = MessageData("boot");
         Message reply;
         MessageCenterClient::GetInstance()->SendMessage(request, &reply);
-        EXPECT_EQ(reply.topic, "bootInjectAck");
-        uint32_t length = 0;
-        EXPECT_TRUE(GetInt32Data(reply, "length", &length));
-        EXPECT_EQ(length, 6u);
-        EXPECT_EQ(Payload(reply), (std::vector<unsigned char>{1, 2, 3, 4, 5, 6}));
-        std::string first, second;
-        EXPECT_TRUE(GetStringData(reply, "param_0", &first));
-        EXPECT_TRUE(GetStringData(reply, "param_1", &second));
-        EXPECT_EQ(first + "," + second, "alpha,beta");
+        EXPECT_EQ(Describe(reply),
+                  "bootInjectAck length=6 param_0=alpha param_1=beta payload=1 2 3 4 5 6");
     });
 }
 
