@@ -1,9 +1,5 @@
 #include "config/configloadjson.h"
 
-#include <errno.h>
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <rapidjson/memorystream.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
@@ -11,6 +7,7 @@
 #include <utility>
 
 #include "core/controller/corvanesystemlog.h"
+#include "utils/fileutils.h"
 #include "utils/json/jsonparse.h"
 
 namespace {
@@ -102,23 +99,6 @@ void AppendScalarEntry(const std::string& name, const Value& value, std::vector<
     out.emplace_back(name, std::move(data));
 }
 
-// Closes a descriptor when it goes out of scope.
-class ScopedFd {
-  public:
-    explicit ScopedFd(int fd) : m_fd(fd) {}
-    ~ScopedFd() {
-        if (m_fd >= 0) {
-            close(m_fd);
-        }
-    }
-    ScopedFd(const ScopedFd&) = delete;
-    ScopedFd& operator=(const ScopedFd&) = delete;
-    int get() const { return m_fd; }
-
-  private:
-    int m_fd;
-};
-
 }  // namespace
 
 ConfigLoadJson* ConfigLoadJson::Create(ConfigLoadCreateData data) {
@@ -151,28 +131,8 @@ int ConfigLoadJson::Initialize(ConfigLoadCreateData data) {
 }
 
 int ConfigLoadJson::ReadFile(const std::string& path) {
-    ScopedFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (fd.get() < 0) {
-        return CONFIG_LOAD_NO_FILE;
-    }
     // A file that opens but cannot be read (a directory, an I/O error) counts as not opened.
-    std::string content;
-    char buffer[65536];
-    for (;;) {
-        ssize_t count = read(fd.get(), buffer, sizeof(buffer));
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
-            return CONFIG_LOAD_NO_FILE;
-        }
-        if (count == 0) {
-            break;
-        }
-        content.append(buffer, static_cast<size_t>(count));
-    }
-    m_fileContent = std::move(content);
-    return CONFIG_LOAD_OK;
+    return ReadWholeFile(path, &m_fileContent) ? CONFIG_LOAD_OK : CONFIG_LOAD_NO_FILE;
 }
 
 // ---- Look-ups at the root: no log lines. ----

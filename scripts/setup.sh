@@ -3,7 +3,7 @@
 # Needs root (or sudo); downloads nothing from anywhere else.
 set -euo pipefail
 packages=(build-essential cmake clang clang-format libsqlite3-dev sqlite3 libprotobuf-dev
-    protobuf-compiler rapidjson-dev android-liblog-dev libzydis-dev googletest libgtest-dev
+    protobuf-compiler rapidjson-dev android-liblog-dev libzydis-dev libzycore-dev googletest libgtest-dev
     libgmock-dev libbenchmark-dev)
 missing=()
 for p in "${packages[@]}"; do

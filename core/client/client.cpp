@@ -8,16 +8,11 @@
 #include "core/controller/corvanesystem.h"
 #include "core/controller/corvanesystemlog.h"
 #include "core/controller/vxcdbprotocol.h"
+#include "utils/errortext.h"
 
 namespace {
 
 constexpr int kFrameSize = static_cast<int>(sizeof(VXCDBMessageString));
-
-// Thread-safe text of an error number.
-std::string ErrorText(int error) {
-    char buffer[128];
-    return strerror_r(error, buffer, sizeof(buffer));
-}
 
 }  // namespace
 

@@ -13,6 +13,8 @@
 #include "core/client/clientimpl.h"
 #include "core/controller/corvanesystemlog.h"
 #include "core/server/serverimpl.h"
+#include "utils/errortext.h"
+#include "utils/scopedfd.h"
 
 namespace {
 
@@ -28,24 +30,6 @@ constexpr mode_t kSocketMode = 0660;
 bool IsResourceExhausted(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
-
-// Closes a descriptor on every early return of the set-up.
-class ScopedFd {
-  public:
-    explicit ScopedFd(int fd) : m_fd(fd) {}
-    ~ScopedFd() {
-        if (m_fd >= 0) {
-            close(m_fd);
-        }
-    }
-    ScopedFd(const ScopedFd&) = delete;
-    ScopedFd& operator=(const ScopedFd&) = delete;
-    int get() const { return m_fd; }
-    int release() { return std::exchange(m_fd, -1); }
-
-  private:
-    int m_fd;
-};
 
 }  // namespace
 
@@ -105,8 +89,7 @@ int ServerImpl::SetupConnect() {
     unlink(m_socketPath.c_str());  // a socket file left by an earlier run would make bind fail
     ScopedFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (fd.get() < 0) {
-        char text[128];
-        CORVANE_LOGE("Failed to create socket, error: %s", strerror_r(errno, text, sizeof(text)));
+        CORVANE_LOGE("Failed to create socket, error: %s", ErrorText(errno).c_str());
         return 1;
     }
     sockaddr_un address = {};
@@ -123,14 +106,10 @@ int ServerImpl::SetupConnect() {
     }
     // Before listen, so no peer can connect while the umask's mode is still in place.
     if (bound == 0 && chmod(address.sun_path, kSocketMode) != 0) {
-        char text[128];
-        CORVANE_LOGE("Failed to restrict socket permissions, error: %s",
-                     strerror_r(errno, text, sizeof(text)));
+        CORVANE_LOGE("Failed to restrict socket permissions, error: %s", ErrorText(errno).c_str());
     }
     if (listen(fd.get(), m_backlog) != 0) {
-        char text[128];
-        CORVANE_LOGE("Failed to listen on socket, error: %s",
-                     strerror_r(errno, text, sizeof(text)));
+        CORVANE_LOGE("Failed to listen on socket, error: %s", ErrorText(errno).c_str());
         return 1;
     }
     m_listenFd = fd.release();

@@ -20,26 +20,11 @@
 
 #include "core/controller/corvanesystemlog.h"
 #include "platform/devicepath.h"
+#include "utils/scopedfd.h"
 
 namespace {
 
 constexpr const char* kReportFile = "/data/vendor/camera/bigdata_reports.log";
-
-class ScopedFd {
-  public:
-    explicit ScopedFd(int fd) : m_fd(fd) {}
-    ~ScopedFd() {
-        if (m_fd >= 0) {
-            close(m_fd);
-        }
-    }
-    ScopedFd(const ScopedFd&) = delete;
-    ScopedFd& operator=(const ScopedFd&) = delete;
-    int get() const { return m_fd; }
-
-  private:
-    int m_fd;
-};
 
 std::string Escape(const std::string& text) {
     std::string escaped;

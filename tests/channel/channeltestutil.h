@@ -2,7 +2,6 @@
 // optional stand-in hook engine, and real client sockets with deadlines.
 #pragma once
 
-#include <dirent.h>
 #include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -13,7 +12,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -199,30 +197,6 @@ class ClientSocket {
 
 inline bool WaitConnectable(const std::string& path) {
     return corvanetest::WaitFor([&] { return ClientSocket(path).connected(); });
-}
-
-inline int CountEntries(const char* directory) {
-    int count = 0;
-    DIR* dir = opendir(directory);
-    if (dir == nullptr) {
-        return -1;
-    }
-    while (dirent* entry = readdir(dir)) {
-        count += entry->d_name[0] != '.';
-    }
-    closedir(dir);
-    return count - (strcmp(directory, "/proc/self/fd") == 0);  // the listing's own descriptor
-}
-
-inline long ResidentKiB() {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.compare(0, 6, "VmRSS:") == 0) {
-            return std::stol(line.substr(6));
-        }
-    }
-    return -1;
 }
 
 }  // namespace channeltest

@@ -74,7 +74,7 @@ TEST_F(EngineCommands, HookGroupIsInjectedThenJudged) {
 }
 
 TEST_F(EngineCommands, StatusOfOneAddress) {
-    m_engine.SetHookId("i2c_read", 2, 3);
+    m_engine.hookIds["i2c_read"] = {2, 3};
     m_engine.acks = {{"i2c_read", "0", "2", "3", "0x10"},
                      {"i2c_read", "1", "2", "3", ""},
                      {"other", "0", "2", "3", "0x01"}};
@@ -104,8 +104,8 @@ TEST_F(EngineCommands, StatusOfAGroupFollowsItsHooks) {
     m_engine.AddRelation("other", 4, "caseD", "spi_write");
     m_engine.AddRelation("g", 3, "caseC", "i2c_write");
     m_engine.AddRelation("g", 5, "caseE", "unnumbered");
-    m_engine.SetHookId("i2c_read", 2, 1);
-    m_engine.SetHookId("i2c_write", 3, 7);
+    m_engine.hookIds["i2c_read"] = {2, 1};
+    m_engine.hookIds["i2c_write"] = {3, 7};
     m_engine.acks = {{"i2c_read", "0", "2", "1", "0x10"}, {"i2c_read", "1", "2", "1", "0x20"}};
     const std::string header = "group name,hook name,camera id,sensor id,interface id,status";
 
@@ -125,16 +125,8 @@ TEST_F(EngineCommands, FirmwareCommandIsHandedToTheEngine) {
               (Entries{{"type", {"string"}}, {"message", {"command executed successfully"}}}));
     EXPECT_EQ(Inject({"firmware", "0", "255", "0", "9"}),
               (Entries{{"type", {"string"}}, {"message", {"command executed successfully"}}}));
-    ASSERT_EQ(m_engine.processed.size(), 2u);
-    HookFw first;
-    first.cmd_id = 1;
-    first.cam_module_id = 2;
-    first.subdev_id = 3;
-    first.interface_id = 4;
-    first.param = "delay 100";
-    EXPECT_EQ(m_engine.processed[0], first);
-    EXPECT_EQ(m_engine.processed[1].cam_module_id, 255);
-    EXPECT_EQ(m_engine.processed[1].param, "");
+    EXPECT_EQ(m_engine.processed,
+              (std::vector<HookFw>{{1, 2, 3, 4, "delay 100"}, {0, 255, 0, 9, ""}}));
 }
 
 TEST_F(EngineCommands, FirmwareNumbersOutOfRangeAreRefusedWithTheField) {

@@ -1,17 +1,21 @@
 // A stand-in hook engine for the debug channel's tests: an in-memory model of what the command
 // tables read (relationships, group state, firmware acknowledgements) that records what the
-// commands asked of it. Every other operation is inert.
+// commands asked of it. Every other operation is the real engine's, here with no hook cases and
+// no database (every sub-module off).
 #pragma once
 
+#include <map>
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "core/model/hook/hookoperation.h"
+#include "core/model/hook/hookoperationimpl.h"
 
-class FakeHookOperation : public HookOperation {
+class FakeHookOperation : public HookOperationImpl {
   public:
+    FakeHookOperation() : HookOperationImpl({}) {}
+
     struct Ack {
         std::string hookName;
         std::string camModuleId, subdevId, interfaceId, status;
@@ -31,10 +35,8 @@ class FakeHookOperation : public HookOperation {
     std::set<std::string> readyGroups, executedGroups;
     std::set<std::string> readyAfterInject;  // groups that become ready when injected
     int doHookGroupResult = 0;
-    std::vector<std::pair<unsigned long, unsigned long>> hookIds;  // parallel to hookIdNames
-    std::vector<std::string> hookIdNames;
+    std::map<std::string, std::pair<unsigned long, unsigned long>> hookIds;  // case and hook id
     std::vector<Ack> acks;
-    int processResult = 0;
 
     // Record.
     std::vector<std::pair<std::string, std::vector<std::string>>> injected;
@@ -54,10 +56,6 @@ class FakeHookOperation : public HookOperation {
         relation.executed = executed;
         relations.push_back(relation);
     }
-    void SetHookId(const std::string& hook, unsigned long caseId, unsigned long hookId) {
-        hookIdNames.push_back(hook);
-        hookIds.push_back({caseId, hookId});
-    }
 
     std::vector<HookRelationship> GetHookRelationshipList() override { return relations; }
     std::vector<HookRelationship> GetHookRelationshipList(HookConfigInformation&) override {
@@ -76,24 +74,20 @@ class FakeHookOperation : public HookOperation {
     }
     void UnhookAllCase() override { ++unhookAllCalls; }
     std::string GetHookName(unsigned long caseId, unsigned long hookId) override {
-        for (size_t i = 0; i < hookIds.size(); ++i) {
-            if (hookIds[i] == std::make_pair(caseId, hookId)) {
-                return hookIdNames[i];
+        for (const auto& [hook, ids] : hookIds) {
+            if (ids == std::make_pair(caseId, hookId)) {
+                return hook;
             }
         }
         return "";
     }
     std::pair<unsigned long, unsigned long> GetCaseAndHookId(const std::string& hook) override {
-        for (size_t i = 0; i < hookIdNames.size(); ++i) {
-            if (hookIdNames[i] == hook) {
-                return hookIds[i];
-            }
-        }
-        return {HOOK_ID_NONE, HOOK_ID_NONE};
+        auto ids = hookIds.find(hook);
+        return ids == hookIds.end() ? std::make_pair(HOOK_ID_NONE, HOOK_ID_NONE) : ids->second;
     }
     int ProcessCmds(const HookFw& fw) override {
         processed.push_back(fw);
-        return processResult;
+        return 0;
     }
     // As the database answers: the header row, then the matches; one empty row for none.
     int GetFaultInjectAckItem(const std::string& hookName, int camModuleId, unsigned char subdevId,
@@ -116,46 +110,6 @@ class FakeHookOperation : public HookOperation {
         if (result.empty()) {
             result.push_back({});
         }
-        return 0;
-    }
-
-    // Inert.
-    void GetHookConfg(std::string) override {}
-    void GetHookConfg(std::string, HookConfigInformation&) override {}
-    std::vector<std::string> GetHookGroupArguments(const std::string&) override { return {}; }
-    int SetHookGroupArguments(const std::string&, const std::vector<std::string>&) override {
-        return 0;
-    }
-    bool CompareGroupArguments(const std::string&, const std::vector<std::string>&) override {
-        return false;
-    }
-    void HookAllAvailableCase() override {}
-    bool IsHookGroupReady(const HookGroup&) override { return false; }
-    bool IsHookStatus(const std::string&) override { return false; }
-    bool IsHookGroupExecuted(const HookGroup&) override { return false; }
-    int DoHookGroup(HookGroup&) override { return 0; }
-    bool IsNeedReloadConfig() override { return false; }
-    int DoHookCase(HookCase&) override { return 0; }
-    int DoHook(Hook&) override { return 0; }
-    int DoHook(const HookFw&) override { return 0; }
-    int UnhookGroup(HookGroup&) override { return 0; }
-    int UnhookGroup(std::string) override { return 0; }
-    int UnhookCase(HookCase&) override { return 0; }
-    int Unhook(Hook&) override { return 0; }
-    int UnHook(const HookFw&) override { return 0; }
-    int ModifyHookExecuteStatus(const std::string&, bool) override { return 0; }
-    int ModifyHookExecuteStatus(unsigned long, unsigned long, unsigned int) override { return 0; }
-    int UpdateHookStatus() override { return 0; }
-    int DoHookBySymbolAddress(Hook&) override { return 0; }
-    int DoHookByProxyFunctionAddress(Hook&) override { return 0; }
-    int DoHookByJumpTable(Hook&) override { return 0; }
-    int ClearHook() override { return 0; }
-    int AddFaultInjectAck(const std::string&, unsigned char, unsigned char, unsigned char,
-                          unsigned char) override {
-        return 0;
-    }
-    int DeleteFaultInjectAck(const std::string&, unsigned char, unsigned char,
-                             unsigned char) override {
         return 0;
     }
 };

@@ -3,9 +3,6 @@
 #include <rapidjson/document.h>
 #include <sys/wait.h>
 
-#include <fstream>
-#include <sstream>
-
 #include "core/server/server.h"
 #include "tests/channel/channeltestutil.h"
 
@@ -17,13 +14,6 @@ struct ToolRun {
     int exitCode = -1;
     std::string out, err;
 };
-
-std::string ReadAll(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 ToolRun RunVxcdb(const std::vector<std::string>& arguments) {
     corvanetest::TempDir dir;
@@ -47,8 +37,8 @@ ToolRun RunVxcdb(const std::vector<std::string>& arguments) {
     waitpid(pid, &status, 0);
     ToolRun run;
     run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    run.out = ReadAll(outPath);
-    run.err = ReadAll(errPath);
+    run.out = corvanetest::ReadTextFile(outPath);
+    run.err = corvanetest::ReadTextFile(errPath);
     return run;
 }
 
@@ -74,11 +64,41 @@ class VxcdbTool : public ::testing::Test {
     ServerPtr m_server{nullptr, &Server::Destroy};
 };
 
-TEST_F(VxcdbTool, HelpPrintsTheServiceUsage) {
-    ToolRun run = Run({"corvane", "--help"});
-    EXPECT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_EQ(run.out, kExpectedHelp);
-    EXPECT_EQ(run.err, "");
+// What a user sees: the exit code, the standard output and the standard error (or a part of it).
+TEST_F(VxcdbTool, PrintsAnswersAndErrorsWhereUsersLookForThem) {
+    const struct {
+        std::vector<std::string> arguments;
+        int exitCode;
+        std::string out, err;
+    } cases[] = {
+        {{"corvane", "--help"}, 0, kExpectedHelp, ""},
+        {{"corvane", "--inject", "query"},
+         0,
+         "group name  hook case  hook name\n"
+         "----------  ---------  ---------\n"
+         "(no rows)\n",
+         ""},
+        // Errors go to the error stream, the help text once after them.
+        {{"corvane", "--foo", "x", "--signal", "0", "--inject", "clear"},
+         1,
+         " result\n---------\n<cleared>\n",
+         "error: Unknown command: foo\n"
+         "error: Signal value is out of valid range (1-64)\n\n" +
+             kExpectedHelp},
+        {{"camera", "--help"}, 1, "", "does not handle module 'camera'"},
+        // The debug module answers with two frames; the first is the reply.
+        {{"debug", "--dumpimagesensormoduledata"},
+         0,
+         "image sensor module data dump requested\n",
+         ""},
+    };
+    for (const auto& c : cases) {
+        ToolRun run = Run(c.arguments);
+        EXPECT_EQ(run.exitCode, c.exitCode) << c.arguments[0] << " " << c.arguments[1];
+        EXPECT_EQ(run.out, c.out);
+        EXPECT_NE(run.err.find(c.err), std::string::npos) << run.err;
+        EXPECT_EQ(run.err.empty(), c.err.empty()) << run.err;
+    }
 }
 
 TEST_F(VxcdbTool, TablesAreAlignedUnderTheirHeader) {
@@ -91,15 +111,6 @@ TEST_F(VxcdbTool, TablesAreAlignedUnderTheirHeader) {
               "------------  ----------  ---------------------\n"
               "sensor        probe_fail  i2c_read\n"
               "eeprom_group  crc         eeprom_read_long_name\n");
-}
-
-TEST_F(VxcdbTool, EmptyTableShowsItsHeader) {
-    ToolRun run = Run({"corvane", "--inject", "query"});
-    EXPECT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_EQ(run.out,
-              "group name  hook case  hook name\n"
-              "----------  ---------  ---------\n"
-              "(no rows)\n");
 }
 
 TEST_F(VxcdbTool, SeveralOptionsAreOneRequestAnsweredInOrder) {
@@ -117,16 +128,6 @@ TEST_F(VxcdbTool, SeveralOptionsAreOneRequestAnsweredInOrder) {
     StopServer();
     ASSERT_EQ(m_engine.injected.size(), 1u);
     EXPECT_EQ(m_engine.injected[0].second, (std::vector<std::string>{"arg one"}));
-}
-
-TEST_F(VxcdbTool, ErrorsGoToTheErrorStreamWithTheHelpOnce) {
-    ToolRun run = Run({"corvane", "--foo", "x", "--signal", "0", "--inject", "clear"});
-    EXPECT_EQ(run.exitCode, 1);
-    EXPECT_EQ(run.out, " result\n---------\n<cleared>\n");
-    EXPECT_EQ(run.err,
-              "error: Unknown command: foo\n"
-              "error: Signal value is out of valid range (1-64)\n\n" +
-                  kExpectedHelp);
 }
 
 TEST_F(VxcdbTool, JsonIsForScripts) {
@@ -149,19 +150,6 @@ TEST_F(VxcdbTool, JsonIsForScripts) {
     EXPECT_STREQ(items[1]["key"].GetString(), "error");
     EXPECT_STREQ(items[1]["values"][0].GetString(), "Signal value is out of valid range (1-64)");
     EXPECT_EQ(items[1]["values"][1].GetString(), kExpectedHelp);
-}
-
-TEST_F(VxcdbTool, ModulesTheServerDoesNotHandleAreReported) {
-    ToolRun run = Run({"camera", "--help"});
-    EXPECT_EQ(run.exitCode, 1);
-    EXPECT_EQ(run.out, "");
-    EXPECT_NE(run.err.find("does not handle module 'camera'"), std::string::npos) << run.err;
-}
-
-TEST_F(VxcdbTool, DebugModuleReadsTheFirstFrame) {
-    ToolRun run = Run({"debug", "--dumpimagesensormoduledata"});
-    EXPECT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_EQ(run.out, "image sensor module data dump requested\n");
 }
 
 TEST_F(VxcdbTool, AnswerTooLargeForOneFrameIsNotSilent) {
@@ -219,19 +207,20 @@ TEST(VxcdbToolAlone, CommandLineMistakesAreUsageErrors) {
     EXPECT_EQ(usage.out.rfind("Usage: vxcdb", 0), 0u) << usage.out;
 }
 
-TEST(VxcdbToolAlone, DefaultSocketIsTheDevicePathUnderTheSysroot) {
+// Alone: the switches are decided once per process.
+TEST(VxcdbToolAlone, SwitchedOnControllerServesTheDefaultSocketUntilDestroyed) {
     int status = corvanetest::RunInChild([] {
         corvanetest::TestSysroot sysroot;
         sysroot.SetProperty("persist.vendor.camera.cloud.corvanesystem.modswitch", "1");
         CorvaneSystem* system = CorvaneSystem::Create();
-        bool listening = WaitConnectable(sysroot / "data/vendor/camera/vxcdb_socket");
+        const std::string path = sysroot / "data/vendor/camera/vxcdb_socket";
+        bool listening = WaitConnectable(path);
         // Words after a lone "--" are arguments even when they look like options.
         ToolRun run = RunVxcdb({"corvane", "--signal", "--", "--5"});
         CorvaneSystem::Destroy(system);
-        return listening && run.exitCode == 1 &&
-                       run.err.find("Invalid signal parameter: not a number") != std::string::npos
-                   ? 0
-                   : 1;
+        bool answered = run.exitCode == 1 &&
+                        run.err.find("Invalid signal parameter: not a number") != std::string::npos;
+        return listening && answered && !ClientSocket(path).connected() ? 0 : 1;
     });
     EXPECT_TRUE(corvanetest::ChildSucceeded(status)) << status;
 }

@@ -38,37 +38,6 @@ TEST(VXCDBFrame, RepliesUpTo4095BytesAreFramedAnd4096IsRefused) {
     EXPECT_TRUE(log.Contains("payload size 4096 exceeds the max payload size 4096")) << log.Dump();
 }
 
-TEST(VXCDBFrame, EmptyMessageFramesAsZeroLengthAndZeroPayload) {
-    CorvaneSystemImpl system;
-    VXCDBMessage empty;
-    VXCDBMessageString frame;
-    memset(&frame, 0, sizeof(frame));
-    ASSERT_EQ(system.FormatSocketMsg(empty, &frame), 0);
-    EXPECT_EQ(frame.payloadLen, 0);
-    EXPECT_EQ(frame.msgType, 0);
-    EXPECT_TRUE(std::all_of(frame.payload, frame.payload + sizeof(frame.payload),
-                            [](char c) { return c == 0; }));
-}
-
-TEST(VXCDBFrame, AbsentModuleTypeReadsAsMaxAndUnknownFieldsAreKept) {
-    VXCDBMessage request = Request("corvane", {{"help", {"x"}}}, std::nullopt);
-    std::string bytes = request.SerializeAsString();
-    // Field 15, varint 7: a field a newer tool might send.
-    bytes += std::string("\x78\x07", 2);
-    VXCDBMessageString frame;
-    memset(&frame, 0, sizeof(frame));
-    memcpy(frame.payload, bytes.data(), bytes.size());
-    frame.payloadLen = static_cast<int32_t>(bytes.size());
-
-    VXCDBMessage decoded;
-    ASSERT_TRUE(DecodeVXCDBMessage(frame, &decoded));
-    EXPECT_FALSE(decoded.has_moduletype());
-    EXPECT_EQ(decoded.moduletype(), VXCDBMessage::MAX);
-    EXPECT_EQ(decoded.modulename(), "corvane");
-    ASSERT_EQ(decoded.cmds_size(), 1);
-    EXPECT_EQ(decoded.SerializeAsString(), bytes) << "the unknown field survives a round trip";
-}
-
 TEST(VXCDBFrame, PayloadLengthOutsideThePayloadFieldDoesNotParse) {
     VXCDBMessage full = MessageOfSize(4096);
     VXCDBMessageString frame = Frame(full);

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <memory>
 #include <sstream>
 
@@ -11,16 +10,11 @@
 
 namespace {
 
-using corvanetest::LogCapture;
-using corvanetest::TempDir;
-
-void WriteText(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
+using namespace corvanetest;
 
 // A reader over `json`, written to a file of `dir`.
 std::unique_ptr<ConfigLoad> LoaderFor(const TempDir& dir, const std::string& json) {
-    WriteText(dir / "config.json", json);
+    WriteTextFile(dir / "config.json", json);
     return std::unique_ptr<ConfigLoad>(
         Configloadfactory::CreateObject({CONFIG_FILE_TYPE_JSON, dir / "config.json"}));
 }
@@ -39,9 +33,8 @@ const char* const kValues = R"({
 
 TEST(ConfigLoadFactory, OnlyJsonFilesOfReadableValidJsonGiveAReader) {
     TempDir dir;
-    WriteText(dir / "good.json", "{}");
-    WriteText(dir / "bad.json", "{\"a\": }");
-    WriteText(dir / "deep.json", std::string(2000000, '[') + std::string(2000000, ']'));
+    WriteTextFile(dir / "good.json", "{}");
+    WriteTextFile(dir / "bad.json", "{\"a\": }");
     struct Case {
         ConfigLoadCreateData data;
         const char* expectedLog;  // null: a reader is returned
@@ -51,8 +44,6 @@ TEST(ConfigLoadFactory, OnlyJsonFilesOfReadableValidJsonGiveAReader) {
         {{CONFIG_FILE_TYPE_JSON, dir / "missing.json"}, "Failed to initialize ConfigLoadJson: "},
         {{CONFIG_FILE_TYPE_JSON, dir / "bad.json"}, "Failed to initialize ConfigLoadJson: "},
         {{CONFIG_FILE_TYPE_JSON, dir.path()}, "Failed to initialize ConfigLoadJson: "},
-        // Nesting is bounded (the parser recurses per level): refused, not a stack overflow.
-        {{CONFIG_FILE_TYPE_JSON, dir / "deep.json"}, "Failed to initialize ConfigLoadJson: "},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.data.fileName + " type " + std::to_string(c.data.fileType));
@@ -73,7 +64,7 @@ TEST(ConfigLoadFactory, OnlyJsonFilesOfReadableValidJsonGiveAReader) {
 
 TEST(ConfigLoadJson, InitializeReportsWhyTheFileWasRefused) {
     TempDir dir;
-    WriteText(dir / "bad.json", "not json");
+    WriteTextFile(dir / "bad.json", "not json");
     ConfigLoadJson loader;
     LogCapture log;
     EXPECT_EQ(loader.Initialize({2, dir / "bad.json"}), CONFIG_LOAD_INVALID);
@@ -84,18 +75,6 @@ TEST(ConfigLoadJson, InitializeReportsWhyTheFileWasRefused) {
     EXPECT_EQ(loader.ReadFile(dir.path()), CONFIG_LOAD_NO_FILE);
     // Parse errors are left to Create to report.
     EXPECT_EQ(log.Lines().size(), 1u) << log.Dump();
-}
-
-TEST(ConfigLoadJson, AcceptsCommentsAndTrailingCommas) {
-    TempDir dir;
-    auto loader = LoaderFor(dir, R"({
-        // the hook-case files carry comments
-        "a": [1, 2,], /* and trailing commas */
-        "b": "x",
-    })");
-    ASSERT_NE(loader, nullptr);
-    EXPECT_EQ(loader->GetIntArray("a"), (std::vector<int>{1, 2}));
-    EXPECT_EQ(loader->GetString("b"), "x");
 }
 
 TEST(ConfigLoadJson, RootScalarsAreStrictlyTypedAndSilent) {

@@ -4,28 +4,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <limits>
-#include <sstream>
 
 #include "tests/support/testsupport.h"
 #include "utils/json/jsonparse.h"
 
 namespace {
 
-using corvanetest::LogCapture;
-using corvanetest::TempDir;
-
-void WriteText(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-std::string ReadText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
+using namespace corvanetest;
 
 // A valid JSON document of exactly `size` bytes: one string.
 std::string JsonOfSize(size_t size) {
@@ -34,8 +20,8 @@ std::string JsonOfSize(size_t size) {
 
 TEST(JsonHelper, SizeLimitIsExactlyFiveMebibytes) {
     TempDir dir;
-    WriteText(dir / "limit.json", JsonOfSize(5242880));
-    WriteText(dir / "over.json", JsonOfSize(5242881));
+    WriteTextFile(dir / "limit.json", JsonOfSize(5242880));
+    WriteTextFile(dir / "over.json", JsonOfSize(5242881));
     LogCapture log;
     rapidjson::Document doc;
     EXPECT_EQ(ReadJsonFile(dir / "limit.json", doc), 0);
@@ -50,8 +36,8 @@ TEST(JsonHelper, SizeLimitIsExactlyFiveMebibytes) {
 
 TEST(JsonHelper, ReadFailuresAreReportedAsOne) {
     TempDir dir;
-    WriteText(dir / "bad.json", "{\"a\": [1, 2}");
-    WriteText(dir / "relaxed.json", "// note\n{\"a\": [1, 2,],}");
+    WriteTextFile(dir / "bad.json", "{\"a\": [1, 2}");
+    WriteTextFile(dir / "relaxed.json", "// note\n{\"a\": [1, 2,],}");
     struct Case {
         std::string path;
         int result;
@@ -70,7 +56,7 @@ TEST(JsonHelper, ReadFailuresAreReportedAsOne) {
         EXPECT_TRUE(log.Contains(c.log)) << log.Dump();
     }
     if (geteuid() != 0) {  // root reads any file
-        WriteText(dir / "locked.json", "{}");
+        WriteTextFile(dir / "locked.json", "{}");
         chmod((dir / "locked.json").c_str(), 0);
         LogCapture log;
         rapidjson::Document doc;
@@ -82,9 +68,9 @@ TEST(JsonHelper, ReadFailuresAreReportedAsOne) {
 TEST(JsonHelper, NestingIsBoundedInsteadOfOverflowingTheStack) {
     TempDir dir;
     auto nested = [](size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
-    WriteText(dir / "limit.json", nested(JSON_MAX_DEPTH));
-    WriteText(dir / "deeper.json", nested(JSON_MAX_DEPTH + 1));
-    WriteText(dir / "hostile.json", nested(2000000));  // overflows an 8 MiB stack unbounded
+    WriteTextFile(dir / "limit.json", nested(JSON_MAX_DEPTH));
+    WriteTextFile(dir / "deeper.json", nested(JSON_MAX_DEPTH + 1));
+    WriteTextFile(dir / "hostile.json", nested(2000000));  // overflows an 8 MiB stack unbounded
     rapidjson::Document doc;
     EXPECT_EQ(ReadJsonFile(dir / "limit.json", doc), 0);
     EXPECT_TRUE(doc.IsArray());
@@ -98,12 +84,12 @@ TEST(JsonHelper, NestingIsBoundedInsteadOfOverflowingTheStack) {
 TEST(JsonHelper, WritesCompactlyAndReadsBack) {
     TempDir dir;
     std::string path = dir / "out.json";
-    WriteText(path, std::string(100, ' '));  // a longer old file is replaced, not overlaid
+    WriteTextFile(path, std::string(100, ' '));  // a longer old file is replaced, not overlaid
     rapidjson::Document doc;
     doc.Parse(R"([ {"name": "imx", "time": 1700000000123, "ok": true, "ratio": 0.1} ])");
     ASSERT_FALSE(doc.HasParseError());
     EXPECT_EQ(WriteJsonFile(path, doc), 0);
-    EXPECT_EQ(ReadText(path), R"([{"name":"imx","time":1700000000123,"ok":true,"ratio":0.1}])");
+    EXPECT_EQ(ReadTextFile(path), R"([{"name":"imx","time":1700000000123,"ok":true,"ratio":0.1}])");
     rapidjson::Document back;
     EXPECT_EQ(ReadJsonFile(path, back), 0);
     EXPECT_TRUE(back == doc);

@@ -12,11 +12,7 @@
 
 namespace {
 
-using corvanetest::ChildSucceeded;
-using corvanetest::LogCapture;
-using corvanetest::RunInChild;
-using corvanetest::ScopedChdir;
-using corvanetest::TestSysroot;
+using namespace corvanetest;
 
 const char* const kModules[] = {"autoreload",  "bigdata",        "coreload",    "firmware",
                                 "hookswitch",  "inithookswitch", "monitr",      "probecount",

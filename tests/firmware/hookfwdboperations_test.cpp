@@ -1,40 +1,15 @@
 #include "core/database/hook/hookfwdboperations.h"
 
 #include <gtest/gtest.h>
-#include <stdio.h>
-#include <unistd.h>
 
 #include <memory>
 
-#include "core/database/protectiondboperations.h"
 #include "tests/support/testsupport.h"
 
 namespace {
 
-using corvanetest::LogCapture;
+using corvanetest::Sql;
 using corvanetest::TempDir;
-
-std::string Sql(const std::string& path, const std::string& query) {
-    std::string output;
-    FILE* pipe = popen(("sqlite3 -separator '|' '" + path + "' \"" + query + "\"").c_str(), "r");
-    char buffer[512];
-    while (pipe != nullptr && fgets(buffer, sizeof(buffer), pipe) != nullptr) {
-        output += buffer;
-    }
-    if (pipe != nullptr) {
-        pclose(pipe);
-    }
-    return output;
-}
-
-HookFw Command(uint8_t camera, uint8_t subdev, uint8_t interface, const std::string& param) {
-    HookFw command;
-    command.cam_module_id = camera;
-    command.subdev_id = subdev;
-    command.interface_id = interface;
-    command.param = param;
-    return command;
-}
 
 struct FwDatabase {
     TempDir dir;
@@ -50,17 +25,17 @@ TEST(HookFwDBOperationsTest, CreatesAllFiveTablesInOneFile) {
 
 TEST(HookFwDBOperationsTest, PendingCommandsAreKeptPerIdentifierTriple) {
     FwDatabase d;
-    EXPECT_EQ(d.db->AddHookPrepare(Command(1, 2, 3, "first")), 0);
-    EXPECT_EQ(d.db->AddHookPrepare(Command(1, 2, 3, "second")), 0);
-    EXPECT_EQ(d.db->AddHookPrepare(Command(0, 255, 7, "")), 0);
+    EXPECT_EQ(d.db->AddHookPrepare(HookFw{0, 1, 2, 3, "first"}), 0);
+    EXPECT_EQ(d.db->AddHookPrepare(HookFw{0, 1, 2, 3, "second"}), 0);
+    EXPECT_EQ(d.db->AddHookPrepare(HookFw{0, 0, 255, 7, ""}), 0);
     EXPECT_EQ(Sql(d.path, "select * from hook_firmware order by cam_module_id"),
               "0|255|7|\n1|2|3|second\n");
 
     DBTable table;
     int nRow = -1, nCol = -1;
-    EXPECT_EQ(d.db->GetHookItemPrepare(Command(1, 2, 3, "first"), table, nRow, nCol), 0);
+    EXPECT_EQ(d.db->GetHookItemPrepare(HookFw{0, 1, 2, 3, "first"}, table, nRow, nCol), 0);
     EXPECT_EQ(nRow, 0);
-    EXPECT_EQ(d.db->GetHookItemPrepare(Command(1, 2, 3, "second"), table, nRow, nCol), 0);
+    EXPECT_EQ(d.db->GetHookItemPrepare(HookFw{0, 1, 2, 3, "second"}, table, nRow, nCol), 0);
     EXPECT_EQ(nRow, 1);
     EXPECT_EQ(table[1], (std::vector<std::string>{"1", "2", "3", "second"}));
 
@@ -71,7 +46,7 @@ TEST(HookFwDBOperationsTest, PendingCommandsAreKeptPerIdentifierTriple) {
     EXPECT_EQ(all[1].subdev_id, 255);
     EXPECT_EQ(all[1].param, "<empty>");  // an empty param comes back marked
 
-    EXPECT_EQ(d.db->DeleteHookPrepare(Command(1, 2, 3, "whatever")), 0);
+    EXPECT_EQ(d.db->DeleteHookPrepare(HookFw{0, 1, 2, 3, "whatever"}), 0);
     EXPECT_EQ(d.db->GetHookAllItemToTable().size(), 1u);
 }
 
@@ -101,32 +76,14 @@ TEST(HookFwDBOperationsTest, AcknowledgementsStoreTheStatusAsHexText) {
 
 TEST(HookFwDBOperationsTest, ClearEmptiesBothTables) {
     FwDatabase d;
-    LogCapture capture;
     EXPECT_EQ(d.db->ClearHook(), 0);
-    EXPECT_TRUE(capture.Contains("delete fault_inject_ack"));
-    d.db->AddHookPrepare(Command(1, 2, 3, "p"));
+    d.db->AddHookPrepare(HookFw{0, 1, 2, 3, "p"});
     d.db->AddFaultInjectAck("hook", 1, 2, 3, 1);
     EXPECT_EQ(d.db->ClearHook(), 0);
     EXPECT_EQ(Sql(d.path,
                   "select (select count(*) from hook_firmware) + (select count(*) from "
                   "fault_inject_ack)"),
               "0\n");
-}
-
-TEST(ProtectionDBOperationsTest, TheFirstRecordFailsByDesignAndRemovesTheFile) {
-    TempDir dir;
-    std::string path = dir / "protecion.db";
-    std::unique_ptr<ProtectionDBOperations> db(
-        ProtectionDBOperations::Create(path, PROTECTION_DB_TABLE_LIST));
-    ASSERT_EQ(access(path.c_str(), F_OK), 0);
-    CallbackMessage message;
-    message.caseId = 1;
-    message.status = 2;
-    int first = db->RecordProtectionFunctionCallback(message);
-    EXPECT_NE(first, 0);
-    EXPECT_NE(first, 3);
-    EXPECT_NE(access(path.c_str(), F_OK), 0);
-    EXPECT_EQ(db->RecordProtectionFunctionCallback(message), 3);
 }
 
 }  // namespace

@@ -1,63 +1,25 @@
 // Hooks installed on the real sample sensor library through the real inline-hook engine, with
 // the controller started as the camera service starts it. Switches and the inline-hook library
 // are set up once per process, so each scenario runs in its own child.
-#include <dlfcn.h>
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <stdio.h>
 
-#include <filesystem>
 #include <string>
 
 #include "core/controller/corvanesystem.h"
 #include "core/model/hook/hookoperation.h"
-#include "tests/support/testsupport.h"
+#include "tests/support/samplesysroot.h"
 
 namespace {
 
-using corvanetest::ChildSucceeded;
-using corvanetest::LogCapture;
-using corvanetest::RunTestInChild;
-using corvanetest::ScopedChdir;
-using corvanetest::TestSysroot;
-
-constexpr const char* kModSwitch = "persist.vendor.camera.cloud.corvanesystem.modswitch";
-constexpr const char* kHookCaseFile = "odm/etc/camera/corvanesystem_hook_case.json";
-constexpr const char* kSensorLibrary = "vendor/lib64/libcorvane_sample_sensor.so";
-constexpr const char* kHookDb = "data/vendor/camera/hook.db";
+using namespace corvanetest;
 
 using WriteFunction = int (*)(uint16_t, uint16_t, uint16_t);
 using ReadFunction = int (*)(uint16_t, uint16_t, uint16_t*);
 using MoveFunction = int (*)(int32_t);
 
-// A sysroot with the sample libraries and hook cases, hookswitch and inithookswitch on.
-void Prepare(TestSysroot& sysroot, const std::string& modswitch = "0xC") {
-    sysroot.InstallLibrary("libcorvane_sample_sensor.so");
-    sysroot.InstallLibrary("libcorvane_sample_fault.so");
-    std::filesystem::copy_file(
-        corvanetest::SourceDir() + "/host/samples/etc/corvanesystem_hook_case.json",
-        sysroot / kHookCaseFile, std::filesystem::copy_options::overwrite_existing);
-    sysroot.SetProperty(kModSwitch, modswitch);
-}
-
-template <typename Function>
-Function Sensor(const char* symbol) {
-    void* library = dlopen(kSensorLibrary, RTLD_NOW);
-    return library == nullptr ? nullptr : reinterpret_cast<Function>(dlsym(library, symbol));
-}
-
-std::string Sql(const std::string& path, const std::string& query) {
-    std::string output;
-    FILE* pipe = popen(("sqlite3 -separator '|' '" + path + "' \"" + query + "\"").c_str(), "r");
-    char buffer[512];
-    while (pipe != nullptr && fgets(buffer, sizeof(buffer), pipe) != nullptr) {
-        output += buffer;
-    }
-    if (pipe != nullptr) {
-        pclose(pipe);
-    }
-    return output;
-}
+// The sample libraries and hook cases, hookswitch and inithookswitch on.
+constexpr const char* kHookModules = "0xC";
 
 const HookRelationship* Row(const std::vector<HookRelationship>& rows, const std::string& hook) {
     for (const HookRelationship& row : rows) {
@@ -70,13 +32,13 @@ const HookRelationship* Row(const std::vector<HookRelationship>& rows, const std
 
 TEST(HookExecutionTest, InjectedGroupReplacesTheFunctionAndTracksItsExecution) {
     TestSysroot sysroot;
-    Prepare(sysroot);
-    EXPECT_TRUE(ChildSucceeded(RunTestInChild([&] {
+    InstallSamples(sysroot, kHookModules);
+    ExpectInChild([&] {
         ScopedChdir chdir(sysroot.path());
         CorvaneSystemGetInstance();
         HookOperation* engine = HookOperation::GetInstance();
-        auto write = Sensor<WriteFunction>("CameraSensorI2CWrite");
-        auto read = Sensor<ReadFunction>("CameraSensorI2CRead");
+        auto write = SampleSensor<WriteFunction>("CameraSensorI2CWrite");
+        auto read = SampleSensor<ReadFunction>("CameraSensorI2CRead");
         ASSERT_NE(write, nullptr);
         EXPECT_EQ(write(0x10, 1, 2), 0);
 
@@ -93,7 +55,7 @@ TEST(HookExecutionTest, InjectedGroupReplacesTheFunctionAndTracksItsExecution) {
         EXPECT_EQ(read(0x10, 1, &value), -EIO);
         EXPECT_TRUE(engine->IsHookGroupExecuted("sensor_i2c_fault"));
 
-        std::string db = sysroot / kHookDb;
+        std::string db = sysroot / kHookDbFile;
         EXPECT_EQ(Sql(db,
                       "select hook_state, executed from hook where "
                       "hook_name='sensor_i2c_write_fail'"),
@@ -123,12 +85,12 @@ TEST(HookExecutionTest, InjectedGroupReplacesTheFunctionAndTracksItsExecution) {
         EXPECT_FALSE(Row(rows, "sensor_i2c_write_fail")->executed);
         EXPECT_EQ(Sql(db, "select args_array_list, available from hook_group where group_id=1"),
                   "|0\n");
-    })));
+    });
 }
 
 TEST(HookExecutionTest, MissingLibraryAndFailedInstallRollBack) {
     TestSysroot sysroot;
-    Prepare(sysroot);
+    InstallSamples(sysroot, kHookModules);
     sysroot.WriteFile(kHookCaseFile, R"({
         "HOOK_GROUP": [{"group_id": 1, "group_name": "missing", "case": [1]},
                        {"group_id": 2, "group_name": "half", "case": [2]}],
@@ -148,7 +110,7 @@ TEST(HookExecutionTest, MissingLibraryAndFailedInstallRollBack) {
              "target_lib_name": "vendor/lib64/libcorvane_sample_fault.so",
              "source_function_symbol": "CameraOisEnable",
              "target_function_symbol": "NoSuchFunction"}]})");
-    EXPECT_TRUE(ChildSucceeded(RunTestInChild([&] {
+    ExpectInChild([&] {
         ScopedChdir chdir(sysroot.path());
         CorvaneSystemGetInstance();
         HookOperation* engine = HookOperation::GetInstance();
@@ -156,13 +118,12 @@ TEST(HookExecutionTest, MissingLibraryAndFailedInstallRollBack) {
             LogCapture capture;
             EXPECT_EQ(engine->DoHookGroup("missing", {}), 1);
             EXPECT_TRUE(capture.Contains("Failed to open: vendor/lib64/libnone.so, error: "));
-            EXPECT_TRUE(capture.Contains("sourceHandle: (nil), proxyhandle: (nil)"));
         }
         // The hook was stored (its row exists since start-up) with its failed state.
-        EXPECT_EQ(Sql(sysroot / kHookDb, "select hook_state from hook where hook_name='nolib'"),
+        EXPECT_EQ(Sql(sysroot / kHookDbFile, "select hook_state from hook where hook_name='nolib'"),
                   "0\n");
 
-        auto move = Sensor<MoveFunction>("CameraActuatorMove");
+        auto move = SampleSensor<MoveFunction>("CameraActuatorMove");
         EXPECT_NE(engine->DoHookGroup("half", {"x"}), 0);
         EXPECT_EQ(move(5), 0);  // the first hook of the case was rolled back
         auto rows = engine->GetHookRelationshipList();
@@ -171,30 +132,30 @@ TEST(HookExecutionTest, MissingLibraryAndFailedInstallRollBack) {
         EXPECT_NE(Row(rows, "nosymbol")->result, "<Successfully hooked>");
         EXPECT_FALSE(engine->IsHookGroupReady("half"));
         EXPECT_TRUE(engine->GetHookGroupArguments("half").empty());  // the group was removed
-    })));
+    });
 }
 
 TEST(HookExecutionTest, InjectedGroupsComeBackAfterARestart) {
     TestSysroot sysroot;
-    Prepare(sysroot);
+    InstallSamples(sysroot, kHookModules);
     ASSERT_TRUE(ChildSucceeded(RunTestInChild([&] {
         ScopedChdir chdir(sysroot.path());
         CorvaneSystemGetInstance();
         ASSERT_EQ(HookOperation::GetInstance()->DoHookGroup("motion_fault", {"fast", "x"}), 0);
     })));
-    EXPECT_TRUE(ChildSucceeded(RunTestInChild([&] {
+    ExpectInChild([&] {
         ScopedChdir chdir(sysroot.path());
         CorvaneSystem* system = CorvaneSystemGetInstance();
         EXPECT_EQ(system->GetHookArguments("motion_fault"),
                   (std::vector<std::string>{"fast", "x"}));
         EXPECT_TRUE(HookOperation::GetInstance()->IsHookGroupReady("motion_fault"));
-        EXPECT_EQ(Sensor<MoveFunction>("CameraActuatorMove")(5), -ETIMEDOUT);
-    })));
+        EXPECT_EQ(SampleSensor<MoveFunction>("CameraActuatorMove")(5), -ETIMEDOUT);
+    });
 }
 
 TEST(HookExecutionTest, AGroupThatCannotBeReinstalledRemovesEveryGroupAtStart) {
     TestSysroot sysroot;
-    Prepare(sysroot);
+    InstallSamples(sysroot, kHookModules);
     ASSERT_TRUE(ChildSucceeded(RunTestInChild([&] {
         ScopedChdir chdir(sysroot.path());
         CorvaneSystemGetInstance();
@@ -204,18 +165,18 @@ TEST(HookExecutionTest, AGroupThatCannotBeReinstalledRemovesEveryGroupAtStart) {
         ASSERT_EQ(engine->DoHookGroup("legacy_paths", {}), 0);
         EXPECT_FALSE(engine->IsHookGroupReady("legacy_paths"));
     })));
-    EXPECT_TRUE(ChildSucceeded(RunTestInChild([&] {
+    ExpectInChild([&] {
         ScopedChdir chdir(sysroot.path());
         CorvaneSystemGetInstance();
         EXPECT_FALSE(HookOperation::GetInstance()->IsHookGroupReady("sensor_i2c_fault"));
-        EXPECT_EQ(Sensor<WriteFunction>("CameraSensorI2CWrite")(0x10, 1, 2), 0);
-        EXPECT_EQ(Sql(sysroot / kHookDb, "select sum(available) from hook_group"), "0\n");
-    })));
+        EXPECT_EQ(SampleSensor<WriteFunction>("CameraSensorI2CWrite")(0x10, 1, 2), 0);
+        EXPECT_EQ(Sql(sysroot / kHookDbFile, "select sum(available) from hook_group"), "0\n");
+    });
 }
 
 TEST(HookExecutionTest, RemovingAnExecutedReloadHookAsksForAReload) {
     TestSysroot sysroot;
-    Prepare(sysroot, "0x103EC");  // autoreload, hookswitch, inithookswitch
+    InstallSamples(sysroot, "0x103EC");  // autoreload, hookswitch, inithookswitch
     sysroot.WriteFile(kHookCaseFile, R"({
         "HOOK_GROUP": [{"group_id": 1, "group_name": "g", "case": [1]}],
         "HOOK_CASE": [{"case_id": 1, "hook_function": ["move"]}],
@@ -224,7 +185,7 @@ TEST(HookExecutionTest, RemovingAnExecutedReloadHookAsksForAReload) {
              "target_lib_name": "vendor/lib64/libcorvane_sample_fault.so",
              "source_function_symbol": "CameraActuatorMove",
              "target_function_symbol": "FaultActuatorMoveTimeout"}]})");
-    EXPECT_TRUE(ChildSucceeded(RunTestInChild([&] {
+    ExpectInChild([&] {
         ScopedChdir chdir(sysroot.path());
         CorvaneSystem* system = CorvaneSystemGetInstance();
         HookOperation* engine = HookOperation::GetInstance();
@@ -235,7 +196,7 @@ TEST(HookExecutionTest, RemovingAnExecutedReloadHookAsksForAReload) {
         engine->ModifyHookExecuteStatus("move", true);
         engine->UnhookGroup(std::string("g"));
         EXPECT_TRUE(system->NeedReload());
-    })));
+    });
 }
 
 }  // namespace

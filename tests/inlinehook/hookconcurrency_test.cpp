@@ -40,7 +40,13 @@ void PrintTo(const Target& target, std::ostream* out) {
     *out << target.symbol;
 }
 
+#if defined(__SANITIZE_THREAD__)
+// Thread sanitizer holds a signal back until the thread reaches code it instruments, so every
+// pause waits for that; fewer cycles keep the run short.
+constexpr int kCycles = 200;
+#else
 constexpr int kCycles = 2000;
+#endif
 constexpr int kCallers = 2;
 constexpr int kInputs = 64;
 
@@ -59,7 +65,7 @@ TEST_P(HookConcurrencyTest, CallersSeeTheOriginalOrTheReplacementWhileHooksToggl
     // Expected results, computed before any hook.
     auto call = [&](int i) -> double {
         return target.integer ? reinterpret_cast<IntFunction>(address)(i)
-                              : reinterpret_cast<Unary>(address)(0.37 * i - 3.0);
+                              : reinterpret_cast<Unary>(address)(0.37 * i + 0.25);
     };
     std::vector<double> original(kInputs), replaced(kInputs);
     for (int i = 0; i < kInputs; ++i) {
@@ -132,7 +138,7 @@ INSTANTIATE_TEST_SUITE_P(
     Targets, HookConcurrencyTest,
     ::testing::Values(Target{"libm.so.6", "erf", false},       // push rbp first: threads paused
                       Target{"libm.so.6", "cbrt", false},      // sub rsp; movapd: threads paused
-                      Target{"libm.so.6", "hypot", false},     // one instruction: atomic store
+                      Target{"libm.so.6", "log1p", false},     // one instruction: atomic store
                       Target{nullptr, "ih_cross_line", true},  // straddles a cache line
                       Target{nullptr, "ih_single", true}),     // unaligned locked store
     [](const ::testing::TestParamInfo<Target>& info) { return std::string(info.param.symbol); });

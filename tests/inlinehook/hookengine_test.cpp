@@ -291,37 +291,6 @@ TEST_F(HookEngineTest, ManyHookUnhookCyclesKeepWorkingAndRestoreExactly) {
     EXPECT_EQ(before, Bytes(address));
 }
 
-TEST_F(HookEngineTest, RelaysOfRemovedHooksAreReusedOnlyAfterTheGracePeriod) {
-    using corvane::inlinehook::HookEngine;
-    HookEngine& engine = HookEngine::Instance();
-    void* address = Symbol("libm.so.6", "erf");
-    auto cycle = [&]() {
-        void* stub = shadowhook_hook_sym_addr(address, reinterpret_cast<void*>(UnaryReplacement),
-                                              &g_unaryOrig);
-        ASSERT_NE(nullptr, stub);
-        ASSERT_EQ(0, shadowhook_unhook(stub));
-    };
-    cycle();
-    HookEngine::Statistics start = engine.GetStatistics();
-    for (int i = 0; i < 50; ++i) {
-        cycle();
-    }
-    HookEngine::Statistics held = engine.GetStatistics();
-    EXPECT_EQ(start.sites, held.sites) << "the function's trampoline is reused";
-    EXPECT_EQ(start.relaysAllocated + 50, held.relaysAllocated)
-        << "within the grace period every removed relay is kept out of use";
-
-    engine.SetRelayGracePeriod(std::chrono::milliseconds(0));
-    for (int i = 0; i < 500; ++i) {
-        cycle();
-    }
-    HookEngine::Statistics recycled = engine.GetStatistics();
-    engine.SetRelayGracePeriod(HookEngine::kDefaultRelayGracePeriod);
-    EXPECT_EQ(held.relaysAllocated, recycled.relaysAllocated) << "relays reused, none carved";
-    EXPECT_EQ(held.islandBytes, recycled.islandBytes);
-    EXPECT_EQ(held.islands, recycled.islands);
-}
-
 TEST_F(HookEngineTest, OrigOfARemovedHookStillRunsTheOriginal) {
     void* address = Symbol("libm.so.6", "cbrt");
     const double original = reinterpret_cast<Unary>(address)(64.0);
@@ -386,6 +355,43 @@ TEST_F(HookEngineTest, SharedChainsRunNewestFirstAndSurviveRemovalInAnyOrder) {
         ++permutations;
     } while (std::next_permutation(order.begin(), order.end()));
     EXPECT_EQ(6, permutations);
+}
+
+TEST_F(HookEngineTest, RelaysOfRemovedHooksAreReusedOnlyAfterTheGracePeriod) {
+    using corvane::inlinehook::HookEngine;
+    HookEngine& engine = HookEngine::Instance();
+    void* address = Symbol("libm.so.6", "erf");
+    // The first hook of a function runs the original through the trampoline; later hooks each
+    // need a relay.
+    void* base =
+        shadowhook_hook_sym_addr(address, reinterpret_cast<void*>(kChain[0]), &g_chainOrig[0]);
+    ASSERT_NE(nullptr, base);
+    auto cycle = [&]() {
+        void* stub = shadowhook_hook_sym_addr(address, reinterpret_cast<void*>(UnaryReplacement),
+                                              &g_unaryOrig);
+        ASSERT_NE(nullptr, stub);
+        ASSERT_EQ(0, shadowhook_unhook(stub));
+    };
+    cycle();
+    HookEngine::Statistics start = engine.GetStatistics();
+    for (int i = 0; i < 50; ++i) {
+        cycle();
+    }
+    HookEngine::Statistics held = engine.GetStatistics();
+    EXPECT_EQ(start.sites, held.sites) << "the function's trampoline is reused";
+    EXPECT_EQ(start.relaysAllocated + 50, held.relaysAllocated)
+        << "within the grace period every removed relay is kept out of use";
+
+    engine.SetRelayGracePeriod(std::chrono::milliseconds(0));
+    for (int i = 0; i < 500; ++i) {
+        cycle();
+    }
+    HookEngine::Statistics recycled = engine.GetStatistics();
+    engine.SetRelayGracePeriod(HookEngine::kDefaultRelayGracePeriod);
+    EXPECT_EQ(held.relaysAllocated, recycled.relaysAllocated) << "relays reused, none carved";
+    EXPECT_EQ(held.islandBytes, recycled.islandBytes);
+    EXPECT_EQ(held.islands, recycled.islands);
+    EXPECT_EQ(0, shadowhook_unhook(base));
 }
 
 TEST_F(HookEngineTest, SharedModeRefusesTheSameReplacementTwiceOnOneAddress) {

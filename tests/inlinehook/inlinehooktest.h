@@ -35,7 +35,7 @@ inline void* Symbol(const char* library, const char* symbol) {
 }
 
 inline std::string TestLibrary() {
-    return corvanetest::LibDir() + "/libinlinehook_testlib.so";
+    return std::string(CORVANE_BUILD_DIR) + "/testlib/libinlinehook_testlib.so";
 }
 
 inline std::vector<uint8_t> Bytes(const void* address, size_t count = 32) {

@@ -80,12 +80,4 @@ TEST(MemoryMapTest, FreeBlocksLieWithinReachNearestFirstAndLeaveRoomToGrow) {
     EXPECT_EQ(0x7f0000000000u - size, nearLibrary.front());
 }
 
-TEST(MemoryMapTest, LoadsThisProcess) {
-    MemoryMap map;
-    ASSERT_TRUE(map.Load().ok());
-    const MappedRegion* code = map.Find(reinterpret_cast<uintptr_t>(&mmap));
-    ASSERT_NE(nullptr, code);
-    EXPECT_NE(0, code->prot & PROT_EXEC);
-}
-
 }  // namespace

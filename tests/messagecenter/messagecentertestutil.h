@@ -63,15 +63,6 @@ class BusLibrary {
     void* m_handle = nullptr;
 };
 
-// Runs `scenario` in a forked child; its gtest failures are printed there and make it fail.
-inline void InChild(const std::function<void()>& scenario) {
-    int status = corvanetest::RunInChild([&] {
-        scenario();
-        return ::testing::Test::HasFailure() ? 1 : 0;
-    });
-    EXPECT_TRUE(corvanetest::ChildSucceeded(status)) << "child wait status " << status;
-}
-
 // Forks `body`, which is expected to end the process itself; returns its wait status, or -1 when
 // it is still running after `deadline` (it is then killed).
 inline int RunChildWithDeadline(const std::function<void()>& body,

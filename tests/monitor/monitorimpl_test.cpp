@@ -1,3 +1,5 @@
+// The probe store and its bus queries. The bus client and the bus's subscriptions are per
+// process: scenarios that touch them run in a child.
 #include "core/model/monitor/monitorimpl.h"
 
 #include <gtest/gtest.h>
@@ -5,7 +7,6 @@
 
 #include <atomic>
 #include <filesystem>
-#include <functional>
 #include <thread>
 
 #include "core/controller/corvanesystem.h"
@@ -15,8 +16,7 @@
 
 namespace {
 
-using corvanetest::LogCapture;
-using corvanetest::TestSysroot;
+using namespace corvanetest;
 
 constexpr const char* kHistory = "data/vendor/camera/probe_messages.json";
 constexpr const char* kReadFailure =
@@ -52,15 +52,6 @@ Message ProbeRequest(const ProbeMessage& r) {
                                      {"sensor_type", MessageData(r.sensorType)},
                                      {"probe_time", MakeInt64Data(r.probeTime)},
                                      {"probe_result", MakeInt32Data(r.probeResult ? 1 : 0)}});
-}
-
-// The bus client and the bus's subscriptions are per process: scenarios that touch them run in
-// a child, whose failed checks print there and fail the test here.
-void ExpectInChild(const std::function<void()>& body) {
-    EXPECT_TRUE(corvanetest::ChildSucceeded(corvanetest::RunInChild([&] {
-        body();
-        return ::testing::Test::HasFailure() ? 1 : 0;
-    })));
 }
 
 // A sysroot as working directory, as the camera service has "/".
@@ -106,8 +97,6 @@ TEST_F(MonitorTest, FirstSaveWritesOneCompactRecord) {
               R"([{"sensor_name":"imx_wide_i","sensor_type":"wide","probe_time":1700000000123,)"
               R"("probe_result":"success"}])");
     EXPECT_TRUE(capture.Contains(kReadFailure));
-    EXPECT_TRUE(capture.Contains(
-        "Record probe sensor: imx_wide_i, type: wide, probe time: 1700000000123, result: 1"));
 }
 
 TEST_F(MonitorTest, FullTypeDropsOnlyItsOldestAndTypesFollowInByteOrder) {
@@ -143,8 +132,6 @@ TEST_F(MonitorTest, UnusableHistoryAnswersAsEmptyAndIsReplacedByTheNextSave) {
     } cases[] = {
         {R"({"sensor_name": "a"})", "Json is not an array, reset json", "new/wide/9/ok"},
         {"not json [", kReadFailure, "new/wide/9/ok"},
-        {std::string(100000, '['), kReadFailure, "new/wide/9/ok"},
-        {"[" + std::string(5 * 1024 * 1024, ' ') + "]", kReadFailure, "new/wide/9/ok"},
         {R"([1, "x", null, {}, {"sensor_name":1,"sensor_type":"wide","probe_time":1,)"
          R"("probe_result":"fail"}, {"sensor_name":"a","sensor_type":"wide","probe_time":"1",)"
          R"("probe_result":"fail"}, {"sensor_name":"a","sensor_type":"wide","probe_time":1}])",

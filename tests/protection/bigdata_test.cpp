@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <functional>
 #include <regex>
 #include <string>
 #include <thread>
@@ -17,16 +16,7 @@
 
 namespace {
 
-using corvanetest::ChildSucceeded;
-using corvanetest::kBigDataReportFile;
-using corvanetest::LogCapture;
-using corvanetest::ReadReports;
-using corvanetest::RunTestInChild;
-using corvanetest::TestSysroot;
-
-void ExpectInChild(const std::function<void()>& body) {
-    EXPECT_TRUE(ChildSucceeded(RunTestInChild(body))) << "the scenario failed in its child";
-}
+using namespace corvanetest;
 
 int Send(const std::string& name, uint32_t value, const std::string& kind) {
     return CorvaneSystemBigData::SendMessage(BDPropertyType::PROTECTION, name, BDDeviceType::CAMERA,

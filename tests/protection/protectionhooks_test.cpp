@@ -1,39 +1,24 @@
 // Protection schemes backed by hook groups, installed through the real inline-hook engine on the
 // sample sensor library while the controller starts as the camera service starts it. Switches
 // are decided once per process, so every scenario runs in its own child.
-#include <dlfcn.h>
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <stdio.h>
 
-#include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "core/controller/corvanesystem.h"
 #include "core/model/hook/hookoperation.h"
 #include "tests/protection/bigdatareports.h"
-#include "tests/support/testsupport.h"
+#include "tests/support/samplesysroot.h"
 
 namespace {
 
-using corvanetest::ChildSucceeded;
-using corvanetest::kBigDataReportFile;
-using corvanetest::LogCapture;
-using corvanetest::ReadReports;
-using corvanetest::RunTestInChild;
-using corvanetest::ScopedChdir;
-using corvanetest::TestSysroot;
+using namespace corvanetest;
 
-constexpr const char* kModSwitch = "persist.vendor.camera.cloud.corvanesystem.modswitch";
 constexpr const char* kMainSwitch =
     "persist.vendor.camera.cloud.corvanesystem.protection.mainswitch";
 constexpr const char* kSchemePrefix = "persist.vendor.camera.cloud.corvanesystem.protection.";
-constexpr const char* kHookCaseFile = "odm/etc/camera/corvanesystem_hook_case.json";
-constexpr const char* kConfigFile = "odm/etc/camera/protection_config.json";
-constexpr const char* kSensorLibrary = "vendor/lib64/libcorvane_sample_sensor.so";
-constexpr const char* kHookDb = "data/vendor/camera/hook.db";
 
 // Sub-module bits: monitr 0x2, hookswitch 0x4, inithookswitch 0x8, coreload 0x80.
 constexpr const char* kProtectionModules = "0x8E";
@@ -46,42 +31,6 @@ using WriteFunction = int (*)(uint16_t, uint16_t, uint16_t);
 using ReadFunction = int (*)(uint16_t, uint16_t, uint16_t*);
 using MoveFunction = int (*)(int32_t);
 using EepromFunction = int (*)(uint32_t, uint8_t*, uint32_t);
-
-void ExpectInChild(const std::function<void()>& body) {
-    EXPECT_TRUE(ChildSucceeded(RunTestInChild(body))) << "the scenario failed in its child";
-}
-
-// A sysroot with the sample libraries, hook cases and protection schemes.
-void Prepare(TestSysroot& sysroot, const std::string& modswitch) {
-    sysroot.InstallLibrary("libcorvane_sample_sensor.so");
-    sysroot.InstallLibrary("libcorvane_sample_fault.so");
-    for (const char* file : {kHookCaseFile, kConfigFile}) {
-        std::filesystem::copy_file(corvanetest::SourceDir() + "/host/samples/etc/" +
-                                       std::filesystem::path(file).filename().string(),
-                                   sysroot / file,
-                                   std::filesystem::copy_options::overwrite_existing);
-    }
-    sysroot.SetProperty(kModSwitch, modswitch);
-}
-
-template <typename Function>
-Function Sensor(const char* symbol) {
-    void* library = dlopen(kSensorLibrary, RTLD_NOW);
-    return library == nullptr ? nullptr : reinterpret_cast<Function>(dlsym(library, symbol));
-}
-
-std::string Sql(const std::string& path, const std::string& query) {
-    std::string output;
-    FILE* pipe = popen(("sqlite3 '" + path + "' \"" + query + "\"").c_str(), "r");
-    char buffer[512];
-    while (pipe != nullptr && fgets(buffer, sizeof(buffer), pipe) != nullptr) {
-        output += buffer;
-    }
-    if (pipe != nullptr) {
-        pclose(pipe);
-    }
-    return output;
-}
 
 TEST(ProtectionHooksTest, SwitchesDecideWhetherTheSensorGuardIsInstalled) {
     struct Row {
@@ -103,14 +52,14 @@ TEST(ProtectionHooksTest, SwitchesDecideWhetherTheSensorGuardIsInstalled) {
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
         TestSysroot sysroot;
-        Prepare(sysroot, row.modswitch);
+        InstallSamples(sysroot, row.modswitch, true);
         sysroot.SetProperty(kMainSwitch, row.mainSwitch);
         sysroot.SetProperty(std::string(kSchemePrefix) + "SENSORI2C", row.sensorScheme);
         ExpectInChild([&] {
             ScopedChdir chdir(sysroot.path());
             CorvaneSystem* system = CorvaneSystemGetInstance();
-            auto write = Sensor<WriteFunction>("CameraSensorI2CWrite");
-            auto read = Sensor<ReadFunction>("CameraSensorI2CRead");
+            auto write = SampleSensor<WriteFunction>("CameraSensorI2CWrite");
+            auto read = SampleSensor<ReadFunction>("CameraSensorI2CRead");
             ASSERT_NE(write, nullptr);
             EXPECT_EQ(system->IsSwitchOpened(ProtectionScheme::SENSORI2C), row.opened);
             if (!row.installed) {
@@ -142,7 +91,7 @@ TEST(ProtectionHooksTest, SwitchesDecideWhetherTheSensorGuardIsInstalled) {
 
 TEST(ProtectionHooksTest, AFailingGroupRollsBackTheGroupsOfItsOwnSchemeOnly) {
     TestSysroot sysroot;
-    Prepare(sysroot, kProtectionModules);
+    InstallSamples(sysroot, kProtectionModules, true);
     auto hook = [](const char* name, const char* source, const char* target) {
         return std::string(R"({"hook_type": 2, "hook_name": ")") + name +
                R"(", "source_lib_name": "vendor/lib64/libcorvane_sample_sensor.so",
@@ -169,7 +118,7 @@ TEST(ProtectionHooksTest, AFailingGroupRollsBackTheGroupsOfItsOwnSchemeOnly) {
                           hook("read", "CameraSensorI2CRead", "FaultSensorI2CReadFail") + "," +
                           hook("eeprom", "CameraEepromRead", "FaultEepromReadCorrupt") + "]}");
     // Groups install in name order, whatever the file's order: a_move, then b_broken fails.
-    sysroot.WriteFile(kConfigFile, R"([
+    sysroot.WriteFile(kProtectionConfigFile, R"([
         {"protection_scheme": "INVAILD", "hook_group_list": [{"sensor_i2c_guard": ["0x0100"]}]},
         {"protection_scheme": "ACTUATORI2C",
          "hook_group_list": [{"c_read": []}, {"b_broken": ["x"]}, {"a_move": ["y"]}]},
@@ -184,18 +133,19 @@ TEST(ProtectionHooksTest, AFailingGroupRollsBackTheGroupsOfItsOwnSchemeOnly) {
         CorvaneSystemGetInstance();
         HookOperation* engine = HookOperation::GetInstance();
         // The scheme before the failure keeps its group ("INVAILD" is a scheme like the others).
-        EXPECT_EQ(Sensor<WriteFunction>("CameraSensorI2CWrite")(kSlave, kModeSelect, 1), -EPERM);
+        EXPECT_EQ(SampleSensor<WriteFunction>("CameraSensorI2CWrite")(kSlave, kModeSelect, 1),
+                  -EPERM);
         // The failing scheme: its earlier group is removed, its later group never tried.
         EXPECT_TRUE(capture.Contains("protection scheme: ACTUATORI2C hook group: b_broken failed"))
             << capture.Dump();
-        EXPECT_EQ(Sensor<MoveFunction>("CameraActuatorMove")(5), 0);
+        EXPECT_EQ(SampleSensor<MoveFunction>("CameraActuatorMove")(5), 0);
         EXPECT_FALSE(engine->IsHookGroupReady("a_move"));
         EXPECT_FALSE(capture.Contains("The name of the hook group is: c_read"));
         uint16_t value = 1;
-        EXPECT_EQ(Sensor<ReadFunction>("CameraSensorI2CRead")(kSlave, 0x20, &value), 0);
+        EXPECT_EQ(SampleSensor<ReadFunction>("CameraSensorI2CRead")(kSlave, 0x20, &value), 0);
         // The scheme after it is installed all the same.
         uint8_t buffer[4] = {};
-        EXPECT_EQ(Sensor<EepromFunction>("CameraEepromRead")(0, buffer, 4), 4);
+        EXPECT_EQ(SampleSensor<EepromFunction>("CameraEepromRead")(0, buffer, 4), 4);
         EXPECT_EQ(buffer[1], 0xFF);
         EXPECT_TRUE(engine->IsHookGroupReady("z_eeprom"));
     });
@@ -203,16 +153,18 @@ TEST(ProtectionHooksTest, AFailingGroupRollsBackTheGroupsOfItsOwnSchemeOnly) {
 
 TEST(ProtectionHooksTest, ASchemeSwitchedOffHasItsGroupsRemovedAtTheNextStart) {
     TestSysroot sysroot;
-    Prepare(sysroot, kProtectionModules);
+    InstallSamples(sysroot, kProtectionModules, true);
     const std::string scheme = std::string(kSchemePrefix) + "SENSORI2C";
     sysroot.SetProperty(kMainSwitch, "1");
     sysroot.SetProperty(scheme, "1");
     ExpectInChild([&] {
         ScopedChdir chdir(sysroot.path());
         CorvaneSystemGetInstance();
-        ASSERT_EQ(Sensor<WriteFunction>("CameraSensorI2CWrite")(kSlave, kModeSelect, 1), -EPERM);
+        ASSERT_EQ(SampleSensor<WriteFunction>("CameraSensorI2CWrite")(kSlave, kModeSelect, 1),
+                  -EPERM);
     });
-    ASSERT_EQ(Sql(sysroot / kHookDb, "select available from hook_group where group_id=4"), "1\n");
+    ASSERT_EQ(Sql(sysroot / kHookDbFile, "select available from hook_group where group_id=4"),
+              "1\n");
 
     // Restarted with the scheme off: the engine re-installs the stored group at start-up, then
     // the protection model removes it.
@@ -222,11 +174,13 @@ TEST(ProtectionHooksTest, ASchemeSwitchedOffHasItsGroupsRemovedAtTheNextStart) {
         LogCapture capture;
         CorvaneSystem* system = CorvaneSystemGetInstance();
         EXPECT_TRUE(capture.Contains("shadowhook_hook_sym_addr finished")) << capture.Dump();
-        EXPECT_EQ(Sensor<WriteFunction>("CameraSensorI2CWrite")(kSlave, kModeSelect, 1), -EINVAL);
+        EXPECT_EQ(SampleSensor<WriteFunction>("CameraSensorI2CWrite")(kSlave, kModeSelect, 1),
+                  -EINVAL);
         EXPECT_FALSE(HookOperation::GetInstance()->IsHookGroupReady("sensor_i2c_guard"));
         EXPECT_TRUE(system->GetHookArguments("sensor_i2c_guard").empty());
     });
-    EXPECT_EQ(Sql(sysroot / kHookDb, "select available from hook_group where group_id=4"), "0\n");
+    EXPECT_EQ(Sql(sysroot / kHookDbFile, "select available from hook_group where group_id=4"),
+              "0\n");
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <android/log.h>
 #include <gtest/gtest.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -108,16 +109,12 @@ void TestSysroot::WriteProperties() {
 }
 
 void TestSysroot::WriteFile(const std::string& relative, const std::string& content) {
-    fs::path path = m_dir / relative;
-    fs::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+    fs::create_directories(fs::path(m_dir / relative).parent_path());
+    WriteTextFile(m_dir / relative, content);
 }
 
 std::string TestSysroot::ReadFile(const std::string& relative) const {
-    std::ifstream file(m_dir / relative, std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
+    return ReadTextFile(m_dir / relative);
 }
 
 bool TestSysroot::Exists(const std::string& relative) const {
@@ -210,6 +207,38 @@ int RunTestInChild(const std::function<void()>& body) {
 
 bool ChildSucceeded(int status) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+void ExpectInChild(const std::function<void()>& body) {
+    int status = RunTestInChild(body);
+    EXPECT_TRUE(ChildSucceeded(status))
+        << "the scenario failed in its child, wait status " << status;
+}
+
+void WriteTextFile(const std::string& path, const std::string& content) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
+std::string ReadTextFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream content;
+    content << file.rdbuf();
+    return content.str();
+}
+
+std::string Sql(const std::string& path, const std::string& query) {
+    std::string output;
+    FILE* pipe =
+        popen(("sqlite3 -separator '|' '" + path + "' \"" + query + "\" 2>&1").c_str(), "r");
+    if (pipe == nullptr) {
+        return output;
+    }
+    char buffer[512];
+    while (fgets(buffer, sizeof(buffer), pipe) != nullptr) {
+        output += buffer;
+    }
+    pclose(pipe);
+    return output;
 }
 
 bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {

@@ -94,6 +94,17 @@ bool ChildSucceeded(int status);
 // Runs a test body that uses EXPECT_*/ASSERT_* in a forked child; the child fails when any
 // expectation failed there (its messages are printed by the child). Returns the wait status.
 int RunTestInChild(const std::function<void()>& body);
+// RunTestInChild, failing the current test when the child failed.
+void ExpectInChild(const std::function<void()>& body);
+
+// Whole-file text, for files outside a TestSysroot.
+void WriteTextFile(const std::string& path, const std::string& content);
+std::string ReadTextFile(const std::string& path);
+
+// Runs `query` on the SQLite file at `path` with the sqlite3 shell (columns separated by '|',
+// its error messages included in the output), so that what the code stored is read back by a
+// second, independent reader.
+std::string Sql(const std::string& path, const std::string& query);
 
 // Waits until `condition` holds or `timeout` passes; returns the last value of `condition`.
 bool WaitFor(const std::function<bool()>& condition,

@@ -9,32 +9,14 @@
 
 #include <chrono>
 
+#include "utils/errortext.h"
+#include "utils/scopedfd.h"
+
 namespace vxcdb {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-class SocketFd {
-  public:
-    explicit SocketFd(int fd) : m_fd(fd) {}
-    ~SocketFd() {
-        if (m_fd >= 0) {
-            close(m_fd);
-        }
-    }
-    SocketFd(const SocketFd&) = delete;
-    SocketFd& operator=(const SocketFd&) = delete;
-    int get() const { return m_fd; }
-
-  private:
-    int m_fd;
-};
-
-std::string ErrorText(int error) {
-    char buffer[128];
-    return strerror_r(error, buffer, sizeof(buffer));
-}
 
 int RemainingMs(Clock::time_point deadline) {
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
@@ -59,7 +41,7 @@ ExchangeResult Exchange(const std::string& socketPath, const VXCDBMessageString&
     }
     memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
 
-    SocketFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ScopedFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (fd.get() < 0) {
         return Fail(ExchangeStatus::kCannotConnect, "socket: " + ErrorText(errno));
     }

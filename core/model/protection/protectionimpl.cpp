@@ -17,6 +17,9 @@
 #include "platform/corvanesystembigdata.h"
 #include "platform/devicepath.h"
 #include "shadowhook.h"
+#include "utils/errortext.h"
+#include "utils/fileutils.h"
+#include "utils/scopedfd.h"
 
 namespace {
 
@@ -43,57 +46,8 @@ constexpr BDErrorType kReportErrorType = BDErrorType::I2C;
 
 constexpr ProtectionScheme kLastScheme = ProtectionScheme::ZOOMI2C;
 
-class ScopedFd {
-  public:
-    explicit ScopedFd(int fd) : m_fd(fd) {}
-    ~ScopedFd() {
-        if (m_fd >= 0) {
-            close(m_fd);
-        }
-    }
-    ScopedFd(const ScopedFd&) = delete;
-    ScopedFd& operator=(const ScopedFd&) = delete;
-    int get() const { return m_fd; }
-
-  private:
-    int m_fd;
-};
-
-// strerror_r comes in two shapes (GNU returns the text, XSI fills the buffer); both are handled.
-[[maybe_unused]] const char* ErrorText(int, const char* buffer) {
-    return buffer;
-}
-[[maybe_unused]] const char* ErrorText(const char* text, const char*) {
-    return text;
-}
-
 bool IsEnabled(const char* subModule) {
     return CorvaneSystemConfig::GetInstance()->IsSubModuleIsEnable(subModule);
-}
-
-// The whole file, or false when it cannot be opened or read (a directory included).
-bool ReadWholeFile(const std::string& path, std::string& content) {
-    ScopedFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (fd.get() < 0) {
-        return false;
-    }
-    std::string text;
-    char buffer[4096];
-    for (;;) {
-        ssize_t count = read(fd.get(), buffer, sizeof(buffer));
-        if (count == 0) {
-            break;
-        }
-        if (count < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return false;
-        }
-        text.append(buffer, static_cast<size_t>(count));
-    }
-    content = std::move(text);
-    return true;
 }
 
 std::string Text(const rapidjson::Value& value) {
@@ -226,7 +180,7 @@ std::map<std::string, ProtectinoShemeConfig> ProtectionImpl::GetProtectionHookGr
     std::map<std::string, ProtectinoShemeConfig> schemes;
     std::string path = DevicePath(PROTECTION_CONFIG_PATH);
     std::string content;
-    if (!ReadWholeFile(path, content)) {
+    if (!ReadWholeFile(path, &content)) {
         CORVANE_LOGI("Failed to open: %s", path.c_str());
         return schemes;
     }
@@ -384,10 +338,7 @@ void SetKernelI2CProtectionCode(int code) {
     ScopedFd fd(open(DevicePath(KERNEL_I2C_PROTECTION_PATH).c_str(), O_RDWR | O_CLOEXEC));
     if (fd.get() < 0) {
         char buffer[100] = {};
-        const char* text = ErrorText(strerror_r(errno, buffer, sizeof(buffer)), buffer);
-        if (text != buffer) {
-            snprintf(buffer, sizeof(buffer), "%s", text);  // the error text is kept to 100 bytes
-        }
+        snprintf(buffer, sizeof(buffer), "%s", ErrorText(errno).c_str());  // kept to 100 bytes
         CORVANE_LOGE(
             "[CORVANESYS] Failed to open /sys/module/camera/parameters/cam_cci_io_protect: "
             "errnoStr: %s",

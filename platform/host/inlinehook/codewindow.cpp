@@ -80,11 +80,16 @@ void StoreCodeAtomically(uintptr_t address, const uint8_t* bytes, size_t length)
     size_t offset = address - window;
     for (;;) {
         uint64_t current;
-        memcpy(&current, reinterpret_cast<const void*>(window), sizeof(current));
+        CopyFromCode(&current, window, sizeof(current));
         uint64_t desired = current;
         memcpy(reinterpret_cast<uint8_t*>(&desired) + offset, bytes, length);
         if (window % 8 == 0) {
-            __atomic_store_n(reinterpret_cast<uint64_t*>(window), desired, __ATOMIC_SEQ_CST);
+            // An aligned 8-byte store is atomic on x86-64; xchg also orders it with everything.
+            __asm__ __volatile__("xchgq %0, %1"
+                                 : "+r"(desired),
+                                   "+m"(*reinterpret_cast<volatile uint64_t*>(window))
+                                 :
+                                 : "memory");
             return;
         }
         if (CompareExchange8(window, current, desired)) {
@@ -94,11 +99,31 @@ void StoreCodeAtomically(uintptr_t address, const uint8_t* bytes, size_t length)
 }
 
 void StoreSlot(uintptr_t slot, uintptr_t value) {
-    __atomic_store_n(reinterpret_cast<uintptr_t*>(slot), value, __ATOMIC_RELEASE);
+    // x86-64 stores are release stores; the clobber keeps the compiler from reordering.
+    __asm__ __volatile__("movq %1, %0"
+                         : "=m"(*reinterpret_cast<volatile uint64_t*>(slot))
+                         : "r"(static_cast<uint64_t>(value))
+                         : "memory");
 }
 
 uintptr_t LoadSlot(uintptr_t slot) {
-    return __atomic_load_n(reinterpret_cast<uintptr_t*>(slot), __ATOMIC_ACQUIRE);
+    uint64_t value;
+    __asm__ __volatile__("movq %1, %0"
+                         : "=r"(value)
+                         : "m"(*reinterpret_cast<const volatile uint64_t*>(slot))
+                         : "memory");
+    return static_cast<uintptr_t>(value);
+}
+
+void CopyToCode(uintptr_t address, const void* bytes, size_t length) {
+    void* destination = reinterpret_cast<void*>(address);
+    const void* source = bytes;
+    __asm__ __volatile__("rep movsb" : "+D"(destination), "+S"(source), "+c"(length) : : "memory");
+}
+
+void CopyFromCode(void* out, uintptr_t address, size_t length) {
+    const void* source = reinterpret_cast<const void*>(address);
+    __asm__ __volatile__("rep movsb" : "+D"(out), "+S"(source), "+c"(length) : : "memory");
 }
 
 void RegisterCoreSync() {

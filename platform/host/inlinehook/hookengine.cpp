@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <link.h>
+#include <pthread.h>
 #include <string.h>
 #include <sys/mman.h>
 
@@ -17,7 +18,6 @@ namespace corvane::inlinehook {
 namespace {
 
 constexpr size_t kPatchSize = PrologueRelocator::kPatchSize;
-constexpr uintptr_t kPageMask = ~static_cast<uintptr_t>(4095);
 // A relay: jmp qword [rip + 2] ; int3 ; int3 ; then the 8-byte aligned slot it jumps through.
 constexpr size_t kRelaySize = 16;
 constexpr size_t kSlotOffset = 8;
@@ -28,7 +28,7 @@ uintptr_t SlotOf(uintptr_t relay) {
 }
 
 void WriteRelay(uintptr_t relay, uintptr_t target) {
-    memcpy(reinterpret_cast<void*>(relay), kRelayCode, sizeof(kRelayCode));
+    CopyToCode(relay, kRelayCode, sizeof(kRelayCode));
     StoreSlot(SlotOf(relay), target);
 }
 
@@ -38,7 +38,7 @@ void WriteEntry(uintptr_t target, const uint8_t* bytes) {
     if (CanStoreCodeAtomically(target, kPatchSize)) {
         StoreCodeAtomically(target, bytes, kPatchSize);
     } else {
-        memcpy(reinterpret_cast<void*>(target), bytes, kPatchSize);
+        CopyToCode(target, bytes, kPatchSize);
     }
 }
 
@@ -96,7 +96,16 @@ HookStatus HookEngine::Initialise(shadowhook_mode_t mode) {
         return status;
     }
     RegisterCoreSync();
+    pthread_atfork(LockForFork, UnlockAfterFork, UnlockAfterFork);
     return HookStatus::Ok();
+}
+
+void HookEngine::LockForFork() {
+    Instance().m_mutex.lock();
+}
+
+void HookEngine::UnlockAfterFork() {
+    Instance().m_mutex.unlock();
 }
 
 HookStatus HookEngine::Hook(uintptr_t target, uintptr_t replacement, void** orig, void** stub) {
@@ -148,8 +157,11 @@ HookStatus HookEngine::BuildSite(uintptr_t target, std::unique_ptr<Site>* out) {
     CodeBounds bounds;
     bounds.readableEnd = map.ReadableEnd(target);
     FindSymbol(target, &site->objectBase, &site->symbolStart, &site->symbolEnd);
-    bounds.functionStart = site->symbolStart;
-    bounds.functionEnd = site->symbolEnd;
+    // A symbol whose size runs outside the readable code around it is not believed.
+    if (site->symbolStart >= region->start && site->symbolEnd <= bounds.readableEnd) {
+        bounds.functionStart = site->symbolStart;
+        bounds.functionEnd = site->symbolEnd;
+    }
 
     PrologueRelocator relocator;
     status = relocator.Analyze(target, bounds);
@@ -184,10 +196,10 @@ HookStatus HookEngine::BuildSite(uintptr_t target, std::unique_ptr<Site>* out) {
             return status;
         }
         WriteRelay(site->entryRelay, site->trampoline);
-        memcpy(reinterpret_cast<void*>(site->trampoline), code.data(), code.size());
+        CopyToCode(site->trampoline, code.data(), code.size());
     }
 
-    memcpy(site->original, reinterpret_cast<const void*>(target), site->regionLength);
+    CopyFromCode(site->original, target, site->regionLength);
     int32_t rel = static_cast<int32_t>(site->entryRelay - (target + kPatchSize));
     site->patch[0] = 0xe9;
     memcpy(site->patch + 1, &rel, sizeof(rel));
@@ -227,8 +239,9 @@ bool HookEngine::SiteStillMatches(const Site& site) const {
             return false;
         }
     }
-    return memcmp(reinterpret_cast<const void*>(site.target), site.original, site.regionLength) ==
-           0;
+    uint8_t current[sizeof(site.original)];
+    CopyFromCode(current, site.target, site.regionLength);
+    return memcmp(current, site.original, site.regionLength) == 0;
 }
 
 HookStatus HookEngine::CheckOverlap(uintptr_t target, size_t length) const {
@@ -286,6 +299,7 @@ HookEngine::HookRecord* HookEngine::NewRecord(Site& site, uintptr_t replacement,
     record->relay = relay;
     HookRecord* raw = record.get();
     m_hooks.emplace(raw->id, std::move(record));
+    // So that adding the hook to the chain cannot fail once the hook is live.
     site.chain.reserve(site.chain.size() + 1);
     return raw;
 }
@@ -300,24 +314,16 @@ HookStatus HookEngine::OpenTargetWindow(const Site& site, CodeWindow* window) co
 
 HookStatus HookEngine::InstallFirstHook(Site& site, uintptr_t replacement, void** orig,
                                         void** stub) {
-    uintptr_t relay = 0;
-    HookStatus status = AcquireRelay(site, &relay);
-    if (!status.ok()) {
-        return status;
-    }
+    // The first hook of a function needs no relay of its own: whatever happens to later hooks,
+    // what runs after it is always the original function.
     // Made before the pause: until Resume() nothing may allocate (see ThreadPause).
-    HookRecord* record = NewRecord(site, replacement, relay);
+    HookRecord* record = NewRecord(site, replacement, 0);
     CodeWindow islandWindow;
     CodeWindow targetWindow;
-    status = islandWindow.Open(relay, kRelaySize, IslandAllocator::kIslandProt);
-    if (status.ok()) {
-        status = islandWindow.Open(site.entryRelay, kRelaySize, IslandAllocator::kIslandProt);
-    }
+    HookStatus status =
+        islandWindow.Open(site.entryRelay, kRelaySize, IslandAllocator::kIslandProt);
     if (status.ok()) {
         status = OpenTargetWindow(site, &targetWindow);
-    }
-    if (status.ok()) {
-        StoreSlot(SlotOf(relay), site.trampoline);  // the only hook: orig is the original
     }
     ThreadPause pause;
     bool atomic = CanStoreCodeAtomically(site.target, kPatchSize);
@@ -327,11 +333,10 @@ HookStatus HookEngine::InstallFirstHook(Site& site, uintptr_t replacement, void*
     }
     if (!status.ok()) {
         m_hooks.erase(record->id);
-        ReturnUnusedRelay(site, relay);
         return status;
     }
     if (orig != nullptr) {
-        __atomic_store_n(orig, reinterpret_cast<void*>(relay), __ATOMIC_RELEASE);
+        __atomic_store_n(orig, reinterpret_cast<void*>(site.trampoline), __ATOMIC_RELEASE);
     }
     StoreSlot(SlotOf(site.entryRelay), replacement);
     WriteEntry(site.target, site.patch);
@@ -342,9 +347,9 @@ HookStatus HookEngine::InstallFirstHook(Site& site, uintptr_t replacement, void*
     site.patched = true;
     site.chain.push_back(record);
     *stub = reinterpret_cast<void*>(static_cast<uintptr_t>(record->id));
-    INLINEHOOK_LOGI("hooked %s -> %#lx, orig %#lx, stub %p: entry patched %s",
+    INLINEHOOK_LOGI("hooked %s -> %#lx, orig %#lx (trampoline), stub %p: entry patched %s",
                     Describe(site.target).c_str(), static_cast<unsigned long>(replacement),
-                    static_cast<unsigned long>(relay), *stub,
+                    static_cast<unsigned long>(site.trampoline), *stub,
                     needPause ? Format("with %zu other threads paused (%zu skipped)",
                                        pause.pausedThreads(), pause.skippedThreads())
                                     .c_str()
@@ -414,13 +419,13 @@ HookStatus HookEngine::Unhook(void* stub) {
     bool newest = index + 1 == site.chain.size();
     bool last = site.chain.size() == 1;
 
+    // What ran after this hook (the previous hook's replacement, or the original function) now
+    // runs after the hook before it in the chain, or first.
+    uintptr_t next = record.relay != 0 ? LoadSlot(SlotOf(record.relay)) : site.trampoline;
+    uintptr_t redirected = newest ? site.entryRelay : site.chain[index + 1]->relay;
     CodeWindow islandWindow;
     CodeWindow targetWindow;
-    HookStatus status = islandWindow.Open(record.relay, kRelaySize, IslandAllocator::kIslandProt);
-    if (status.ok()) {
-        status = islandWindow.Open(newest ? site.entryRelay : site.chain[index + 1]->relay,
-                                   kRelaySize, IslandAllocator::kIslandProt);
-    }
+    HookStatus status = islandWindow.Open(redirected, kRelaySize, IslandAllocator::kIslandProt);
     ThreadPause pause;
     bool needPause = last && !CanStoreCodeAtomically(site.target, kPatchSize);
     if (status.ok() && last) {
@@ -432,12 +437,9 @@ HookStatus HookEngine::Unhook(void* stub) {
     if (!status.ok()) {
         return status;  // nothing changed
     }
-    // What ran after this hook (the previous hook's replacement, or the trampoline) now runs
-    // after the hook before it in the chain, or first.
-    // The removed hook's own relay keeps leading there too: a thread still inside the removed
+    // The removed hook's own relay keeps leading where it led: a thread still inside the removed
     // replacement finishes its call through the chain as it was when the call began.
-    uintptr_t next = LoadSlot(SlotOf(record.relay));
-    StoreSlot(newest ? SlotOf(site.entryRelay) : SlotOf(site.chain[index + 1]->relay), next);
+    StoreSlot(SlotOf(redirected), next);
     if (last) {
         WriteEntry(site.target, site.original);
         SyncCores();
@@ -450,7 +452,9 @@ HookStatus HookEngine::Unhook(void* stub) {
         site.patched = false;
     }
     site.chain.erase(site.chain.begin() + static_cast<std::ptrdiff_t>(index));
-    site.retiredRelays.emplace_back(record.relay, std::chrono::steady_clock::now());
+    if (record.relay != 0) {
+        site.retiredRelays.emplace_back(record.relay, std::chrono::steady_clock::now());
+    }
     INLINEHOOK_LOGI(
         "unhooked stub %p from %s: %s", stub, Describe(site.target).c_str(),
         last ? "original bytes restored" : Format("%zu hooks remain", site.chain.size()).c_str());

@@ -2,9 +2,9 @@
 //
 // Every hooked address is a *site*: its first 5 bytes become `jmp rel32` to the site's entry
 // relay, an indirect jump through an 8-byte slot (`jmp [rip+2]`) holding the newest replacement.
-// The site's trampoline runs the displaced instructions and jumps back. Every hook owns a relay of
-// the same shape; that relay is the hook's orig entry and its slot holds what runs next: the
-// previous hook's replacement, or the trampoline for the oldest hook. The chain order is thus fixed
+// The site's trampoline runs the displaced instructions and jumps back; it is the orig entry of
+// the first hook. Every later hook owns a relay of the same shape: that relay is its orig entry
+// and its slot holds what runs next, the previous hook's replacement. The chain order is thus fixed
 // in the slots, and adding or removing a hook anywhere in it retargets one slot with one atomic
 // store. Only the first hook of a site and the removal of its last one rewrite the function.
 //
@@ -90,6 +90,11 @@ class HookEngine {
         std::vector<HookRecord*> chain;  // oldest first
         std::deque<std::pair<uintptr_t, std::chrono::steady_clock::time_point>> retiredRelays;
     };
+
+    // Hold the mutex across fork(), so that a child never inherits it locked by a thread that
+    // does not exist there.
+    static void LockForFork();
+    static void UnlockAfterFork();
 
     HookStatus BuildSite(uintptr_t target, std::unique_ptr<Site>* site);
     bool SiteStillMatches(const Site& site) const;

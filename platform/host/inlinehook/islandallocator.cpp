@@ -15,10 +15,13 @@ constexpr size_t kAlignment = 16;
 // Candidates tried before giving up; others may map concurrently, so a free gap can vanish.
 constexpr size_t kMaxAttempts = 16;
 
-bool Within(uintptr_t near, uintptr_t start, size_t size) {
-    uintptr_t end = start + size;
-    uintptr_t low = near > IslandAllocator::kReach ? near - IslandAllocator::kReach : 0;
-    return start >= low && end <= near + IslandAllocator::kReach;
+uintptr_t Distance(uintptr_t a, uintptr_t b) {
+    return a > b ? a - b : b - a;
+}
+
+bool Within(uintptr_t near, uintptr_t start, size_t size, uintptr_t reach) {
+    uintptr_t low = near > reach ? near - reach : 0;
+    return start >= low && start + size <= near + reach;
 }
 
 }  // namespace
@@ -28,34 +31,21 @@ HookStatus IslandAllocator::Allocate(uintptr_t near, size_t size, uintptr_t* blo
     if (size == 0 || size > kIslandSize) {
         return HookStatus::Error(SHADOWHOOK_ERRNO_OOM, Format("cannot place %zu bytes", size));
     }
-    for (Island& island : m_islands) {
-        uintptr_t start = island.base + island.used;
-        if (island.used + size <= kIslandSize && Within(near, start, size)) {
-            island.used += size;
-            *block = start;
-            return HookStatus::Ok();
-        }
+    if (TakeFromIsland(near, size, kReuseReach, block)) {
+        return HookStatus::Ok();
     }
-    Island island{};
-    HookStatus status = MapIslandNear(near, size, &island);
-    if (!status.ok()) {
-        return status;
-    }
-    island.used = size;
-    m_islands.push_back(island);
-    *block = island.base;
-    return HookStatus::Ok();
-}
-
-HookStatus IslandAllocator::MapIslandNear(uintptr_t near, size_t size, Island* island) {
     MemoryMap map;
     HookStatus status = map.Load();
     if (!status.ok()) {
         return HookStatus::Error(SHADOWHOOK_ERRNO_OOM, status.detail);
     }
-    // The whole island within reach, so every block carved from it is too; `size` must at least
-    // fit at its start.
-    std::vector<uintptr_t> candidates = map.FreeBlocksNear(near, kIslandSize, kReach - size);
+    // The whole island within reach, so every block carved from it is too.
+    std::vector<uintptr_t> candidates = map.FreeBlocksNear(near, kIslandSize, kReach);
+    // When free space is no closer than an existing island, that island does as well.
+    bool nothingClose = candidates.empty() || Distance(candidates.front(), near) > kReuseReach;
+    if (nothingClose && TakeFromIsland(near, size, kReach, block)) {
+        return HookStatus::Ok();
+    }
     size_t attempts = 0;
     for (uintptr_t candidate : candidates) {
         if (attempts++ == kMaxAttempts) {
@@ -71,16 +61,33 @@ HookStatus IslandAllocator::MapIslandNear(uintptr_t near, size_t size, Island* i
             munmap(mapped, kIslandSize);
             continue;
         }
-        island->base = candidate;
         INLINEHOOK_LOGI("relay island mapped at %#lx (%zu KiB) for code at %#lx",
                         static_cast<unsigned long>(candidate), kIslandSize / 1024,
                         static_cast<unsigned long>(near));
+        m_islands.push_back(Island{candidate, size});
+        *block = candidate;
+        return HookStatus::Ok();
+    }
+    if (TakeFromIsland(near, size, kReach, block)) {
         return HookStatus::Ok();
     }
     return HookStatus::Error(
         SHADOWHOOK_ERRNO_OOM,
         Format("no free address space within 2 GiB of %#lx for a relay island (%zu candidates)",
                static_cast<unsigned long>(near), candidates.size()));
+}
+
+bool IslandAllocator::TakeFromIsland(uintptr_t near, size_t size, uintptr_t reach,
+                                     uintptr_t* block) {
+    for (Island& island : m_islands) {
+        uintptr_t start = island.base + island.used;
+        if (island.used + size <= kIslandSize && Within(near, start, size, reach)) {
+            island.used += size;
+            *block = start;
+            return true;
+        }
+    }
+    return false;
 }
 
 bool IslandAllocator::Contains(uintptr_t address) const {

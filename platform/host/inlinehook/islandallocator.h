@@ -10,6 +10,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/mman.h>
 
 #include <vector>
 
@@ -23,7 +24,11 @@ class IslandAllocator {
     // Farthest a block may lie from the address it serves, with room to spare for the few bytes
     // between a jump and the end of its block.
     static constexpr uintptr_t kReach = 0x7fff0000;
-    static constexpr int kIslandProt = 0x1 | 0x4;  // PROT_READ | PROT_EXEC
+    // An existing island serves an address only this close, so that what the displaced
+    // instructions address (the function's own library) stays in reach of the trampoline too; a
+    // new island goes as close as free address space allows.
+    static constexpr uintptr_t kReuseReach = 256ULL << 20;
+    static constexpr int kIslandProt = PROT_READ | PROT_EXEC;
 
     // A 16-byte aligned block of `size` bytes wholly within kReach of `near`.
     HookStatus Allocate(uintptr_t near, size_t size, uintptr_t* block);
@@ -37,7 +42,7 @@ class IslandAllocator {
         uintptr_t base;
         size_t used;
     };
-    HookStatus MapIslandNear(uintptr_t near, size_t size, Island* island);
+    bool TakeFromIsland(uintptr_t near, size_t size, uintptr_t reach, uintptr_t* block);
 
     std::vector<Island> m_islands;
 };

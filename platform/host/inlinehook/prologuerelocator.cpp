@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <limits>
 
+#include "codewindow.h"
+
 namespace corvane::inlinehook {
 
 namespace {
@@ -254,7 +256,7 @@ HookStatus PrologueRelocator::Analyze(uintptr_t address, const CodeBounds& bound
         DisplacedInstruction displaced;
         displaced.offset = offset;
         displaced.length = instruction.length;
-        memcpy(displaced.bytes, reinterpret_cast<const void*>(pc), instruction.length);
+        CopyFromCode(displaced.bytes, pc, instruction.length);
         HookStatus status = Classify(instruction, operands, pc, &displaced);
         if (!status.ok()) {
             return status;

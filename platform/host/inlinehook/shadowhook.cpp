@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <mutex>
-#include <new>
 
 #include "hookengine.h"
 #include "hooklog.h"
@@ -122,7 +121,8 @@ void* HookAddress(void* sym_addr, void* new_addr, void** orig_addr, const char* 
         status =
             HookEngine::Instance().Hook(reinterpret_cast<uintptr_t>(sym_addr),
                                         reinterpret_cast<uintptr_t>(new_addr), orig_addr, &stub);
-    } catch (const std::bad_alloc&) {
+    } catch (...) {
+        // Only allocation throws in the engine; nothing may cross the C API.
         status = HookStatus::Error(SHADOWHOOK_ERRNO_OOM, "");
     }
     Finish(status, call);
@@ -145,7 +145,11 @@ SHADOWHOOK_API int shadowhook_init(shadowhook_mode_t mode, bool debuggable) {
                                    Format("unknown mode %d", static_cast<int>(mode)));
     } else {
         g_mode.store(mode);
-        status = HookEngine::Instance().Initialise(mode);
+        try {
+            status = HookEngine::Instance().Initialise(mode);
+        } catch (...) {
+            status = HookStatus::Error(SHADOWHOOK_ERRNO_OOM, "");
+        }
     }
     g_initResult.store(status.number, std::memory_order_release);
     if (status.ok()) {
@@ -233,7 +237,7 @@ SHADOWHOOK_API int shadowhook_unhook(void* stub) {
     HookStatus status;
     try {
         status = HookEngine::Instance().Unhook(stub);
-    } catch (const std::bad_alloc&) {
+    } catch (...) {
         status = HookStatus::Error(SHADOWHOOK_ERRNO_OOM, "");
     }
     return Finish(status, kCall) == SHADOWHOOK_ERRNO_OK ? 0 : -1;

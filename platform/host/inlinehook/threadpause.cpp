@@ -6,6 +6,7 @@
 #include <linux/futex.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/single_threaded.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <ucontext.h>
@@ -242,6 +243,9 @@ HookStatus ThreadPause::InstallHandler() {
 }
 
 HookStatus ThreadPause::Pause(const PauseRedirect* redirects, size_t count) {
+    if (__libc_single_threaded) {
+        return HookStatus::Ok();  // no thread was ever started: there is nobody to pause
+    }
     struct sigaction current;
     if (count > kMaxRedirects || sigaction(kSignal, nullptr, &current) != 0 ||
         (current.sa_flags & SA_SIGINFO) == 0 || current.sa_sigaction != OnPauseSignal) {

@@ -1,6 +1,15 @@
 // The inline-hook C API the library installs its hooks through. On a device the ShadowHook
 // library provides it; on a Linux host our own engine implements the same functions, modes and
 // error numbers, so the calling code is identical on both.
+//
+// On the x86-64 host engine (docs/inlinehook.md):
+//  - every call is thread-safe; hooks may be installed and removed while other threads run the
+//    hooked function, each call then sees the function either hooked or not;
+//  - the error numbers it returns are OK, UNINIT, INVALID_ARG, OOM, MPROT, INIT_ERRNO (signal
+//    handler not installed), HOOK_DLSYM, HOOK_DUP, HOOK_SYMSZ, HOOK_ENTER (other threads could
+//    not be paused for the patch), HOOK_REWRITE_FAILED and UNHOOK_NOTFOUND; the others keep a
+//    message for callers that print any number;
+//  - it owns SIGURG (passing on every SIGURG that is not its own to the previous handler).
 #pragma once
 
 #include <stdbool.h>
@@ -44,7 +53,9 @@ typedef enum {
     SHADOWHOOK_MODE_UNIQUE = 1   // a second hook of one address fails with HOOK_DUP
 } shadowhook_mode_t;
 
-// Initialises the engine once per process; later calls return the first call's result.
+// Initialises the engine once per process; later calls return the first call's result and
+// change nothing. A mode other than shared or unique fails with INVALID_ARG. `debuggable` logs
+// every step and every failure's exact reason under the tag "corvane_inlinehook".
 int shadowhook_init(shadowhook_mode_t mode, bool debuggable);
 int shadowhook_get_init_errno(void);
 shadowhook_mode_t shadowhook_get_mode(void);
@@ -56,10 +67,16 @@ int shadowhook_get_errno(void);
 const char* shadowhook_to_errmsg(int error_number);
 
 // Replaces the function at `sym_addr` by `new_addr`. `*orig_addr` (optional) receives an entry
-// that runs the replaced function. Returns a stub for shadowhook_unhook, or null on error.
+// that runs the replaced function; it is written before the hook takes effect and left alone on
+// failure. Returns a stub for shadowhook_unhook, or null on error. Stubs are opaque handles,
+// never reused within a process.
 void* shadowhook_hook_sym_addr(void* sym_addr, void* new_addr, void** orig_addr);
+// The same for `sym_name` exported by `lib_name` (a file name or path as dlopen takes it), which
+// must already be loaded: the host engine never loads a library to hook it.
 void* shadowhook_hook_sym_name(const char* lib_name, const char* sym_name, void* new_addr,
                                void** orig_addr);
+// Removes a hook: 0 on success, -1 on error (see shadowhook_get_errno). The orig entry it handed
+// out stays callable afterwards.
 int shadowhook_unhook(void* stub);
 
 #ifdef __cplusplus
