@@ -34,8 +34,28 @@ using SqliteTable = std::unique_ptr<char*, TableFree>;
 // the other object therefore waits this long for it before it counts as failed.
 constexpr int kBusyTimeoutMs = 2000;
 
+// Values reach the statements unescaped, so a statement can be made to compute anything SQLite
+// can compute within one statement (a recursive query that never ends, a blob of a gigabyte).
+// These bounds make such a statement fail, like any failed statement, instead of holding the
+// object's lock, and with it the controller, forever. The system's own statements stay far
+// below them: a few hundred bytes of text and a few thousand virtual-machine steps each.
+constexpr int kMaxValueLength = 1 << 20;                   // bytes of one string, blob or row
+constexpr int kProgressInterval = 1000;                    // steps between two checks of the budget
+constexpr int kStepBudget = 10000000 / kProgressInterval;  // checks before it is interrupted
+
+// Counts the checks of one connection; a non-zero result interrupts the running statement.
+int ExceedsStepBudget(void* context) {
+    int* checks = static_cast<int*>(context);
+    return ++*checks > kStepBudget ? 1 : 0;
+}
+
+// Error text of a request that holds more than one statement; none of them is run.
+constexpr const char* kSecondStatementError =
+    "more than one statement in the request, none was run";
+
 // sqlite3_open hands back a handle even when it fails, unless it could not allocate one.
-int OpenConnection(const std::string& path, Connection& connection) {
+// `checks` must outlive the connection: the step budget counts in it.
+int OpenConnection(const std::string& path, Connection& connection, int* checks) {
     sqlite3* handle = nullptr;
     int result = sqlite3_open(path.c_str(), &handle);
     connection.reset(handle);
@@ -44,8 +64,42 @@ int OpenConnection(const std::string& path, Connection& connection) {
                      sqlite3_errmsg(handle));
     } else {
         sqlite3_busy_timeout(handle, kBusyTimeoutMs);
+        sqlite3_limit(handle, SQLITE_LIMIT_LENGTH, kMaxValueLength);
+        sqlite3_progress_handler(handle, kProgressInterval, ExceedsStepBudget, checks);
     }
     return result;
+}
+
+// Every request is built for exactly one statement, but its values are placed into the text
+// unescaped: a value such as "x'); drop table hook_group; --" would close that statement and
+// start another, which sqlite3_exec would run too. Returns SQLITE_OK when `sql` holds at most one
+// statement (blanks, comments and empty statements around it do not count), SQLITE_ERROR when
+// it holds more. Text whose first statement does not compile is left to sqlite3_exec, which
+// then fails on it, with its own message, before running anything.
+int RequireOneStatement(sqlite3* handle, const char* sql) {
+    int statements = 0;
+    const char* rest = sql;
+    while (*rest != '\0') {
+        sqlite3_stmt* statement = nullptr;
+        const char* tail = nullptr;
+        int result = sqlite3_prepare_v2(handle, rest, -1, &statement, &tail);
+        if (statement != nullptr) {
+            ++statements;
+            sqlite3_finalize(statement);
+        }
+        if (result != SQLITE_OK) {
+            // A second statement that does not compile is still a second statement.
+            return statements == 0 ? SQLITE_OK : SQLITE_ERROR;
+        }
+        if (statements > 1) {
+            return SQLITE_ERROR;
+        }
+        if (tail == nullptr || tail == rest) {
+            break;  // nothing consumed: only trailing blanks or comments are left
+        }
+        rest = tail;
+    }
+    return SQLITE_OK;
 }
 
 }  // namespace
@@ -98,14 +152,20 @@ int DBOperations::SQLExecute(std::string sql, RowCallback callback, void* contex
         return DB_BLOCKED;
     }
     int result;
+    int checks = 0;
     {
         Connection connection;
-        result = OpenConnection(m_dbPath, connection);
+        result = OpenConnection(m_dbPath, connection, &checks);
         if (result == SQLITE_OK) {
             CORVANE_LOGD("SQLExecute: handle: %p sql: %s", static_cast<void*>(connection.get()),
                          sql.c_str());
             char* rawError = nullptr;
-            result = sqlite3_exec(connection.get(), sql.c_str(), callback, context, &rawError);
+            result = RequireOneStatement(connection.get(), sql.c_str());
+            if (result == SQLITE_OK) {
+                result = sqlite3_exec(connection.get(), sql.c_str(), callback, context, &rawError);
+            } else {
+                rawError = sqlite3_mprintf("%s", kSecondStatementError);
+            }
             SqliteText errorText(rawError);
             if (result != SQLITE_OK) {
                 CORVANE_LOGE("SQL statement execution failed, sql: %s, error message: %s",
@@ -137,17 +197,23 @@ int DBOperations::SQLGetTable(const std::string& sql, std::vector<std::vector<st
         return DB_BLOCKED;
     }
     int code;
+    int checks = 0;
     {
         Connection connection;
-        code = OpenConnection(m_dbPath, connection);
+        code = OpenConnection(m_dbPath, connection, &checks);
         SqliteTable cells;
         if (code == SQLITE_OK) {
             CORVANE_LOGI("SQLExecute: handle: %p sql: %s", static_cast<void*>(connection.get()),
                          sql.c_str());
             char** rawCells = nullptr;
             char* rawError = nullptr;
-            code = sqlite3_get_table(connection.get(), sql.c_str(), &rawCells, &nRow, &nCol,
-                                     &rawError);
+            code = RequireOneStatement(connection.get(), sql.c_str());
+            if (code == SQLITE_OK) {
+                code = sqlite3_get_table(connection.get(), sql.c_str(), &rawCells, &nRow, &nCol,
+                                         &rawError);
+            } else {
+                rawError = sqlite3_mprintf("%s", kSecondStatementError);
+            }
             cells.reset(rawCells);
             SqliteText errorText(rawError);
             if (code != SQLITE_OK) {

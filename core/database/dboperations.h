@@ -39,19 +39,23 @@ class DBOperations {
     DBOperations(const DBOperations&) = delete;
     DBOperations& operator=(const DBOperations&) = delete;
 
-    // Runs `sql` (one or more statements) with sqlite3_exec; `callback` and `context` go to
-    // SQLite unchanged and may be null. 0, the SQLite code of the failed open or statement, or
-    // DB_BLOCKED. A callback may call back into this object.
+    // Runs `sql`, one statement, with sqlite3_exec; `callback` and `context` go to SQLite
+    // unchanged and may be null. 0, the SQLite code of the failed open or statement, or
+    // DB_BLOCKED. A callback may call back into this object. Text holding a second statement
+    // fails as a whole, before anything runs, as invalid SQL does. A statement that exceeds the
+    // bounds on its work (ten million SQLite steps) or on the size of a value (1 MiB) is
+    // stopped and fails too.
     virtual int SQLExecute(std::string sql, RowCallback callback, void* context);
 
     // Runs one creation statement, putting DB_CREATE_TABLE_PREFIX in front unless it already
     // starts with it. Returns what SQLExecute returns.
     int SQLTableCreate(std::string sql);
 
-    // Runs a query and collects the whole result: row 0 holds the column names, rows 1 to nRow
-    // the data, each row nCol strings (an SQL NULL reads as empty text). `result` is emptied
-    // first in every case. 0, the SQLite code of the failure, or DB_BLOCKED. A query that finds
-    // no row gives nRow 0, nCol 0 and one empty header row.
+    // Runs one query (with the same checks as SQLExecute) and collects the whole result: row 0
+    // holds the column names, rows 1 to nRow the data, each row nCol strings (an SQL NULL reads
+    // as empty text). `result` is emptied first in every case. 0, the SQLite code of the
+    // failure, or DB_BLOCKED. A query that finds no row gives nRow 0, nCol 0 and one empty
+    // header row.
     int SQLGetTable(const std::string& sql, std::vector<std::vector<std::string>>& result,
                     int& nRow, int& nCol);
 

@@ -2,6 +2,7 @@
 #include <stddef.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -20,6 +21,11 @@ namespace {
 // Pause after an accept failure caused by exhausted resources (descriptors, memory), so that the
 // accepting thread retries instead of spinning while they last.
 constexpr std::chrono::milliseconds kAcceptBackoff(10);
+
+// Who may connect: anyone who can connect may raise signals in the host process and replace its
+// functions, so the socket is open to the service's own user and group only, whatever the umask
+// the process was started with (connecting needs write permission on the socket file).
+constexpr mode_t kSocketMode = 0660;
 
 bool IsResourceExhausted(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
@@ -93,9 +99,16 @@ int ServerImpl::SetupConnect() {
         static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + strlen(address.sun_path) + 1);
     // Deliberately only a result of 1 counts as failure here; an ordinary -1 falls through to
     // listen, which then fails on the unbound socket and ends the set-up there.
-    if (bind(fd.get(), reinterpret_cast<sockaddr*>(&address), length) == 1) {
+    int bound = bind(fd.get(), reinterpret_cast<sockaddr*>(&address), length);
+    if (bound == 1) {
         CORVANE_LOGE("Failed to bind port");
         return 1;
+    }
+    // Before listen, so no peer can connect while the umask's mode is still in place.
+    if (bound == 0 && chmod(address.sun_path, kSocketMode) != 0) {
+        char text[128];
+        CORVANE_LOGE("Failed to restrict socket permissions, error: %s",
+                     strerror_r(errno, text, sizeof(text)));
     }
     if (listen(fd.get(), m_backlog) != 0) {
         CORVANE_LOGE("Failed to listen on socket, error: %s", ErrorText(errno).c_str());

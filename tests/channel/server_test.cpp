@@ -47,6 +47,15 @@ TEST_F(SocketServer, StaleSocketFileIsReplaced) {
     EXPECT_TRUE(S_ISSOCK(info.st_mode));
 }
 
+TEST_F(SocketServer, OnlyTheServicesUserAndGroupMayConnectWhateverTheUmask) {
+    mode_t old = umask(0);
+    Serve(m_controller.get());
+    umask(old);
+    struct stat info = {};
+    ASSERT_EQ(stat(m_path.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0660u);
+}
+
 TEST_F(SocketServer, OneRequestOneReplyThenTheConnectionIsClosed) {
     Serve(m_controller.get());
     ClientSocket client(m_path);

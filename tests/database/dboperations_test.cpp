@@ -7,7 +7,9 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 
+#include "core/database/hook/hookfwdboperations.h"
 #include "tests/support/testsupport.h"
 
 namespace {
@@ -73,8 +75,8 @@ TEST(DBOperations, CreatesEachTableAndLeavesAFileTheShellAccepts) {
     EXPECT_EQ(db.Status(), 0u);
     EXPECT_EQ(Shell(path, ".tables"), "a  b\n");
     EXPECT_EQ(Shell(path, "PRAGMA integrity_check;"), "ok\n");
-    EXPECT_EQ(db.SQLExecute("insert into a values(1); insert into a values(2);", nullptr, nullptr),
-              0);
+    EXPECT_EQ(db.SQLExecute("insert into a values(1);", nullptr, nullptr), 0);
+    EXPECT_EQ(db.SQLExecute("insert into a values(2);", nullptr, nullptr), 0);
     int rows = 0;
     EXPECT_EQ(db.SQLExecute("select * from a", CountRows, &rows), 0);
     EXPECT_EQ(rows, 2);
@@ -192,10 +194,8 @@ TEST(DBOperations, GetTableReturnsAHeaderRowThenTheData) {
     TempDir dir;
     std::string path = dir / "g.db";
     DBOperations db(path, {"g(id INTEGER primary key, name VARCHAR, note TEXT);"});
-    ASSERT_EQ(db.SQLExecute("insert into g values(1, 'one', 'a'); insert into g values(2, 'two', "
-                            "NULL);",
-                            nullptr, nullptr),
-              0);
+    ASSERT_EQ(db.SQLExecute("insert into g values(1, 'one', 'a');", nullptr, nullptr), 0);
+    ASSERT_EQ(db.SQLExecute("insert into g values(2, 'two', NULL);", nullptr, nullptr), 0);
     Table result{{"stale"}};
     int nRow = -1, nCol = -1;
     LogCapture log;
@@ -290,6 +290,161 @@ TEST(DBOperations, AnUnopenablePathIsAFailedOpen) {
     // After a failed open the counts are left as the caller passed them.
     EXPECT_TRUE(log.Contains("SQLExecute: result nRow: 7 nCol: 8")) << log.Dump();
     EXPECT_EQ(lazy.Status(), DB_STATUS_SQL_FAILED);
+}
+
+// What a failed request leaves behind, observed from outside: the object blocked, the file gone,
+// and through a second name of the file (taken before the request) the tables as they were.
+struct Aftermath {
+    int code = 0;
+    uint32_t status = 0;
+    bool fileExists = false;
+    bool logged = false;
+    int nextCall = 0;
+    std::string tables;  // through the witness name
+    std::string victimRows;
+};
+
+// A database holding a table t for the request and a table victim with one row (7), as a request
+// finds it; `run` sends the request. The request must fail with `error` in its log line.
+Aftermath RunFailingRequest(const std::function<int(DBOperations&)>& run, const std::string& sql,
+                            const std::string& error) {
+    TempDir dir;
+    std::string path = dir / "hook.db";
+    std::string witness = dir / "witness.db";
+    InspectableDB db(path, {"t(name TEXT);", "victim(x INT);"});
+    EXPECT_EQ(db.SQLExecute("insert into victim values(7);", nullptr, nullptr), 0);
+    EXPECT_EQ(link(path.c_str(), witness.c_str()), 0);
+    LogCapture log;
+    Aftermath after;
+    after.code = run(db);
+    after.status = db.Status();
+    after.fileExists = Exists(path);
+    after.logged =
+        log.Count("SQL statement execution failed, sql: " + sql + ", error message: " + error) == 1;
+    int rows = 0;
+    after.nextCall = db.SQLExecute("select 1", CountRows, &rows);
+    after.tables = Shell(witness, "select name from sqlite_master order by 1;");
+    after.victimRows = Shell(witness, "select x from victim;");
+    if (!after.logged) {
+        ADD_FAILURE() << log.Dump();
+    }
+    return after;
+}
+
+// Values reach the statements unescaped; these texts are what a template becomes when a value
+// closes its statement and appends another. Whatever the second statement, nothing runs, and
+// the request fails as invalid SQL does (the first row).
+TEST(DBOperations, ARequestNeverRunsASecondStatement) {
+    const std::string kRefused = "more than one statement in the request, none was run";
+    struct Case {
+        const char* sql;
+        bool query;  // through SQLGetTable, otherwise SQLExecute
+        std::string error;
+    } cases[] = {
+        {"insert into t(name) values('it's');", false, "near \"s\": syntax error"},
+        {"insert or replace into t(name) values('a'); drop table victim; --');", false, kRefused},
+        {"select * from t where name='a'; delete from victim; --'", true, kRefused},
+        {"select * from t where name='a'; delete from victim; --'", false, kRefused},
+        {"select * from t where name='a';;; delete from victim", true, kRefused},
+        // A second statement that does not compile, or that needs what the first creates.
+        {"insert into t(name) values('a'); drop tabel victim; --');", false, kRefused},
+        {"create table t2(x); insert into t2 values(1)", false, kRefused},
+        {"select name from t where name=''; attach database 'other.db' as other; --'", true,
+         kRefused},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.sql);
+        auto run = [&](DBOperations& db) {
+            Table result;
+            int nRow = 0, nCol = 0;
+            int rows = 0;
+            return c.query ? db.SQLGetTable(c.sql, result, nRow, nCol)
+                           : db.SQLExecute(c.sql, CountRows, &rows);
+        };
+        Aftermath after = RunFailingRequest(run, c.sql, c.error);
+        EXPECT_EQ(after.code, SQLITE_ERROR);
+        EXPECT_EQ(after.status, DB_STATUS_SQL_FAILED);
+        EXPECT_FALSE(after.fileExists);
+        EXPECT_EQ(after.nextCall, DB_BLOCKED);
+        EXPECT_EQ(after.tables, "t\nvictim\n");
+        EXPECT_EQ(after.victimRows, "7\n");
+    }
+}
+
+TEST(DBOperations, BlanksCommentsAndSemicolonsAroundOneStatementAreAccepted) {
+    TempDir dir;
+    std::string path = dir / "t.db";
+    InspectableDB db(path, {"t(name TEXT);"});
+    const char* statements[] = {
+        "insert into t(name) values('a;b');",  // a semicolon inside a value is no separator
+        "insert into t(name) values('c'); -- a comment after the statement",
+        "/* before */ insert into t(name) values('d') ;; /* after */ \n\t",
+        "insert into t(name) values('e')",
+    };
+    for (const char* sql : statements) {
+        EXPECT_EQ(db.SQLExecute(sql, nullptr, nullptr), 0) << sql;
+    }
+    Table result;
+    int nRow = 0, nCol = 0;
+    EXPECT_EQ(db.SQLGetTable("select group_concat(name, '|') from t; -- all", result, nRow, nCol),
+              0);
+    EXPECT_EQ(result, (Table{{"group_concat(name, '|')"}, {"a;b|c|d|e"}}));
+    EXPECT_EQ(db.Status(), 0u);
+}
+
+// One statement can still be made to compute without end or to build a huge value; it is
+// stopped and fails like any other failed statement, instead of holding the lock for ever.
+TEST(DBOperations, AStatementWithoutEndOrWithAHugeValueIsStopped) {
+    const std::string kEndless =
+        "(with recursive c(x) as (select 1 union all select x + 1 from c) select max(x) from c)";
+    struct Case {
+        std::string sql;
+        bool query;
+        int code;
+        std::string error;
+    } cases[] = {
+        {"select " + kEndless, true, SQLITE_INTERRUPT, "interrupted"},
+        {"insert into t(name) values(''||" + kEndless + "||'');", false, SQLITE_INTERRUPT,
+         "interrupted"},
+        {"select length(randomblob(2000000))", true, SQLITE_TOOBIG, "string or blob too big"},
+        {"insert into t(name) values(zeroblob(2000000));", false, SQLITE_TOOBIG,
+         "string or blob too big"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.sql);
+        auto run = [&](DBOperations& db) {
+            Table result;
+            int nRow = 0, nCol = 0;
+            return c.query ? db.SQLGetTable(c.sql, result, nRow, nCol)
+                           : db.SQLExecute(c.sql, nullptr, nullptr);
+        };
+        Aftermath after = RunFailingRequest(run, c.sql, c.error);
+        EXPECT_EQ(after.code, c.code);
+        EXPECT_EQ(after.status, DB_STATUS_SQL_FAILED);
+        EXPECT_FALSE(after.fileExists);
+        EXPECT_EQ(after.nextCall, DB_BLOCKED);
+        EXPECT_EQ(after.victimRows, "7\n");
+    }
+}
+
+// The firmware parameter arrives from a debug command as typed and is stored unescaped.
+TEST(DBOperations, AFirmwareParameterCannotDropTheHookTables) {
+    TempDir dir;
+    std::string path = dir / "hook.db";
+    HookFwDBOperations* firmware = HookFwDBOperations::Create(path, HOOK_FW_DB_TABLE_LIST);
+    ASSERT_NE(firmware, nullptr);
+    ASSERT_EQ(link(path.c_str(), (dir / "witness.db").c_str()), 0);
+    LogCapture log;
+    HookFw command;
+    command.param = "x'); drop table hook_group; --";
+    EXPECT_EQ(firmware->AddHookPrepare(command), SQLITE_ERROR);
+    EXPECT_TRUE(log.Contains("SQLExecute failed")) << log.Dump();
+    EXPECT_FALSE(Exists(path));
+    // The table the value tried to drop is still there (an empty table counts 0; a missing one
+    // would be an error).
+    EXPECT_EQ(Shell(dir / "witness.db", "select count(*) from hook_group;"), "0\n");
+    EXPECT_EQ(Shell(dir / "witness.db", "select count(*) from hook_firmware;"), "0\n");
+    HookFwDBOperations::Destroy(firmware);
 }
 
 }  // namespace

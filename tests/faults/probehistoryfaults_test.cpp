@@ -1,0 +1,120 @@
+// The probe history cannot be stored: the path is taken by something that cannot be replaced, or
+// the disk is full. Each save logs its failure, queries answer as for an empty history, and the
+// service goes on.
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+
+#include "tests/support/supervisedservice.h"
+
+namespace {
+
+using corvanetest::SupervisedService;
+
+constexpr const char* kHistory = "data/vendor/camera/probe_messages.json";
+
+TEST(ProbeHistoryFaults, AHistoryPathThatCannotBeReplacedIsLoggedAndQueriesFindNothing) {
+    SupervisedService service;
+    std::filesystem::create_directory(service.Path(kHistory));
+    service.Start();
+    ASSERT_TRUE(service.WaitAnswering()) << service.Log();
+    for (const std::string line : {
+             "Error: could not replace data/vendor/camera/probe_messages.json: Is a directory",
+             "Failed to write file: data/vendor/camera/probe_messages.json",
+             "Failed to read file: data/vendor/camera/probe_messages.json, reset file",
+             // The service's own queries over the bus, answered from no history.
+             "probe: last successful wide sensor: \"\"",
+             "probe: most successful wide sensor: \"\" (0 successes)",
+         }) {
+        EXPECT_TRUE(service.WaitForLog(line)) << line << "\n" << service.Log();
+    }
+    // The type of a sensor comes from its name, not from the history.
+    EXPECT_TRUE(service.LogContains("probe: sensor type of ov64b_tele5x_ii: \"tele5x\""));
+    // Every temporary file was cleaned up.
+    int left = 0;
+    for (const auto& entry :
+         std::filesystem::directory_iterator(service.Path("data/vendor/camera"))) {
+        left += entry.path().extension() == ".tmp";
+    }
+    EXPECT_EQ(left, 0);
+    EXPECT_TRUE(service.Stop()) << service.Log();
+}
+
+// Puts a small tmpfs over a directory for this process and its children only (a mount namespace
+// of their own); gone with the process, or undone when this goes out of scope.
+class FullDisk {
+  public:
+    explicit FullDisk(const std::string& dir) : m_dir(dir) {
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=64k") != 0) {
+            m_error = strerror(errno);
+            return;
+        }
+        m_mounted = true;
+        Fill();
+    }
+    ~FullDisk() {
+        if (m_mounted) {
+            umount2(m_dir.c_str(), MNT_DETACH);
+        }
+    }
+    bool mounted() const { return m_mounted; }
+    const std::string& error() const { return m_error; }
+    // Writes until the file system has no room left.
+    void Fill() {
+        int fd = open((m_dir + "/filler").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        char block[4096] = {};
+        while (fd >= 0 && write(fd, block, sizeof(block)) > 0) {
+        }
+        close(fd);
+    }
+    void MakeRoom() { unlink((m_dir + "/filler").c_str()); }
+
+  private:
+    std::string m_dir;
+    std::string m_error;
+    bool m_mounted = false;
+};
+
+TEST(ProbeHistoryFaults, AFullDiskLosesTheHistoryAndTheDatabaseUntilThereIsRoomAgain) {
+    SupervisedService service;
+    FullDisk disk(service.Path("data/vendor/camera"));
+    if (!disk.mounted()) {
+        GTEST_SKIP() << "no file system of limited size can be mounted here: " << disk.error();
+    }
+    service.Start();
+    ASSERT_TRUE(service.WaitAnswering()) << service.Log();
+    for (const std::string line : {
+             "Error: could not write data/vendor/camera/probe_messages.json.",
+             ": No space left on device",
+             "Failed to write file: data/vendor/camera/probe_messages.json",
+             "Failed to create table: create table if not exists hook_group(",
+             "error message: database or disk is full",
+         }) {
+        EXPECT_TRUE(service.WaitForLog(line)) << line << "\n" << service.Log();
+    }
+    EXPECT_FALSE(service.sysroot().Exists(kHistory));
+    // Hooks still work; only their state is not kept.
+    EXPECT_EQ(service.Vxcdb({"corvane", "--inject", "sensor_i2c_fault"}).exitCode, 0);
+
+    disk.MakeRoom();
+    service.Vxcdb({"corvane", "--signal", "1"});
+    ASSERT_TRUE(service.WaitForLog("camera service died by signal 1, restarting")) << service.Log();
+    ASSERT_TRUE(service.WaitAnswering()) << service.Log();
+    EXPECT_TRUE(corvanetest::WaitFor([&] {
+        return service.sysroot().ReadFile(kHistory).find("imx766_wide_i") != std::string::npos;
+    })) << service.Log();
+    EXPECT_TRUE(service.sysroot().Exists("data/vendor/camera/hook.db"));
+    EXPECT_EQ(service.Vxcdb({"corvane", "--inject", "motion_fault", "fast"}).exitCode, 0);
+    EXPECT_TRUE(service.Stop()) << service.Log();
+}
+
+}  // namespace

@@ -1,0 +1,160 @@
+// A device whose files or libraries are missing or broken when the camera service starts: the
+// service comes up all the same, every missing piece leaves its log line, and what does not
+// depend on the piece keeps working.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <filesystem>
+#include <functional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "tests/support/supervisedservice.h"
+
+namespace {
+
+using corvanetest::ProgramOutput;
+using corvanetest::SupervisedService;
+
+constexpr const char* kHookCaseFile = "odm/etc/camera/corvanesystem_hook_case.json";
+constexpr const char* kProtectionFile = "odm/etc/camera/protection_config.json";
+
+// A request and what its answer must hold.
+struct Probe {
+    std::vector<std::string> arguments;
+    int exitCode;
+    std::string output;
+};
+
+struct StartupFault {
+    std::string name;
+    std::function<void(SupervisedService&)> breakIt;
+    // Log lines expected; "@" stands for the sysroot's path.
+    std::vector<std::string> logLines;
+    std::vector<Probe> probes;
+    bool channel = true;  // whether the debug channel comes up
+};
+
+void Remove(SupervisedService& service, const std::string& relative) {
+    std::filesystem::remove_all(service.Path(relative));
+}
+
+std::function<void(SupervisedService&)> Write(const std::string& relative,
+                                              const std::string& content) {
+    return [=](SupervisedService& service) { service.sysroot().WriteFile(relative, content); };
+}
+
+std::string WithSysroot(std::string text, const std::string& sysroot) {
+    size_t at = text.find('@');
+    return at == std::string::npos ? text : text.replace(at, 1, sysroot);
+}
+
+const Probe kHelpAnswers{{"corvane", "--help"}, 0, "vxcdb corvane --inject query"};
+const Probe kQueryAnswers{{"corvane", "--inject", "query"},
+                          0,
+                          "sensor_i2c_fault  i2c_write_eio     sensor_i2c_write_fail"};
+const Probe kInjectAnswers{
+    {"corvane", "--inject", "sensor_i2c_fault"}, 0, "Hook group executed successfully"};
+const Probe kNoGroups{
+    {"corvane", "--inject", "sensor_i2c_fault"}, 1, "Hook group not ready: sensor_i2c_fault"};
+const Probe kNoGuard{{"corvane", "--inject", "result", "sensor_i2c_guard"}, 0, "<unhook>"};
+
+const StartupFault kFaults[] = {
+    {"BusLibraryMissing",
+     [](SupervisedService& s) { Remove(s, "vendor/lib64/com.halvern.messagecenter.so"); },
+     {"[MESSAGECENTER]", "m_pCorvaneSystemCore is NULL", "m_pMessageCenterSubscribeFuncPtr is NULL",
+      "camera service: no message bus"},
+     // Firmware commands still answer; only the bus message is lost.
+     {kHelpAnswers,
+      kInjectAnswers,
+      {{"corvane", "--inject", "firmware", "0", "0", "3", "3", "x"},
+       0,
+       "command executed successfully"}}},
+    {"ConfigurationReaderMissing",
+     [](SupervisedService& s) { Remove(s, "vendor/lib64/com.halvern.corvanesystem.config.so"); },
+     // The switches then come from the properties alone, which switch everything on here.
+     {"dlopen(vendor/lib64/com.halvern.corvanesystem.config.so) failed: "},
+     {kHelpAnswers, kQueryAnswers, kInjectAnswers}},
+    {"HookCaseFileMissing",
+     [](SupervisedService& s) { Remove(s, kHookCaseFile); },
+     {"/odm/etc/camera/corvanesystem_hook_case.json not exists"},
+     {kHelpAnswers,
+      {{"corvane", "--inject", "sensor_i2c_fault"}, 1, "Hook operation not initialized"}}},
+    {"HookCaseFileEmpty",
+     Write(kHookCaseFile, ""),
+     {"Failed to initialize ConfigLoadJson: @/odm/etc/camera/corvanesystem_hook_case.json"},
+     {kHelpAnswers, {{"corvane", "--inject", "query"}, 0, "(no rows)"}, kNoGroups}},
+    {"HookCaseFileMalformed",
+     Write(kHookCaseFile, "{\"HOOK_GROUP\": [{\"group_id\": 1,"),
+     {"Failed to initialize ConfigLoadJson: @/odm/etc/camera/corvanesystem_hook_case.json"},
+     {kHelpAnswers, kNoGroups}},
+    {"ProtectionFileMissing",
+     [](SupervisedService& s) { Remove(s, kProtectionFile); },
+     {"Failed to open: @/odm/etc/camera/protection_config.json"},
+     {kHelpAnswers, kInjectAnswers, kNoGuard}},
+    {"ProtectionFileEmpty",
+     Write(kProtectionFile, ""),
+     {"Failed to parse @/odm/etc/camera/protection_config.json: The document is empty."},
+     {kHelpAnswers, kInjectAnswers, kNoGuard}},
+    {"ProtectionFileMalformed",
+     Write(kProtectionFile, "[{\"protection_scheme\": "),
+     {"Failed to parse @/odm/etc/camera/protection_config.json: "},
+     {kHelpAnswers, kInjectAnswers, kNoGuard}},
+    {"ProtectionFileNotAList",
+     Write(kProtectionFile, "{\"protection_scheme\": \"SENSORI2C\"}"),
+     {"@/odm/etc/camera/protection_config.json: the root is not an array, no protection scheme"},
+     {kHelpAnswers, kInjectAnswers, kNoGuard}},
+    // No directory for the socket, the databases and the probe history: the service runs on
+    // without a debug channel (no retry), and nothing it stores is kept.
+    {"DataDirectoryMissing",
+     [](SupervisedService& s) { Remove(s, "data/vendor/camera"); },
+     {"Failed to listen on socket, error: ",
+      "Database opening failed, path: @/data/vendor/camera/hook.db, error message: unable to "
+      "open database file",
+      "Failed to write file: data/vendor/camera/probe_messages.json"},
+     {{{"corvane", "--help"}, 3, "cannot connect to @/data/vendor/camera/vxcdb_socket"}},
+     false},
+};
+
+// Names the case in test listings.
+void PrintTo(const StartupFault& fault, std::ostream* out) {
+    *out << fault.name;
+}
+
+class StartupFaults : public ::testing::TestWithParam<StartupFault> {};
+
+TEST_P(StartupFaults, TheServiceComesUpLogsTheFaultAndAnswersWhatItCan) {
+    const StartupFault& fault = GetParam();
+    SupervisedService service;
+    fault.breakIt(service);
+    service.Start();
+    // The channel listens from a thread of its own, maybe a moment after the service is ready.
+    ASSERT_TRUE(fault.channel ? service.WaitAnswering()
+                              : service.WaitStarted() &&
+                                    service.WaitForLog("Failed to listen on socket, error: "))
+        << service.Log();
+    const std::string sysroot = service.sysroot().path();
+    for (const Probe& probe : fault.probes) {
+        ProgramOutput answer = service.Vxcdb(probe.arguments);
+        EXPECT_EQ(answer.exitCode, probe.exitCode) << probe.arguments.back() << answer.output;
+        EXPECT_NE(answer.output.find(WithSysroot(probe.output, sysroot)), std::string::npos)
+            << answer.output;
+    }
+    for (const std::string& line : fault.logLines) {
+        EXPECT_TRUE(service.WaitForLog(WithSysroot(line, sysroot))) << line << "\n"
+                                                                    << service.Log();
+    }
+    // Still the first service: nothing made it die and restart.
+    pid_t pid = service.ServicePid();
+    EXPECT_EQ(kill(pid, 0), 0);
+    EXPECT_EQ(service.CountInLog("supervisor: camera service started"), 1) << service.Log();
+    EXPECT_TRUE(service.Stop()) << service.Log();
+}
+
+INSTANTIATE_TEST_SUITE_P(AtStart, StartupFaults, ::testing::ValuesIn(kFaults),
+                         [](const ::testing::TestParamInfo<StartupFault>& info) {
+                             return info.param.name;
+                         });
+
+}  // namespace

@@ -1,0 +1,190 @@
+// Many vxcdb clients at once against the supervised host camera service, for a bounded time,
+// while faults are injected and cleared: every request is answered as it should be, the service
+// does not restart, and it gives back every descriptor and thread it used. Its memory may grow
+// only by the connection records it keeps (see kBytesPerRequest).
+//
+// CORVANE_LOAD_SECONDS sets the loaded phase's length (default 20, at most 600).
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+
+#include <atomic>
+#include <chrono>
+#include <iostream>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/supervisedservice.h"
+
+namespace {
+
+using corvanetest::FiguresOf;
+using corvanetest::ProcessFigures;
+using corvanetest::ProgramOutput;
+using corvanetest::SupervisedService;
+using Clock = std::chrono::steady_clock;
+
+constexpr int kClients = 16;  // above the listen backlog of 10
+constexpr std::chrono::seconds kWarmUp(3);
+constexpr int kDefaultSeconds = 20;
+constexpr int kMaxSeconds = 600;
+constexpr double kRequestTimeoutSeconds = 30;
+
+// The server keeps one connection record per request it served, for as long as it runs (about
+// 150 bytes, with the allocator's overhead and the list holding it); the rest must stay flat,
+// up to what the allocator and the caches of thread stacks keep.
+constexpr long kBytesPerRequest = 512;
+constexpr long kSlackKiB = 4096;
+
+struct Request {
+    std::vector<std::string> arguments;
+    int exitCode;
+    std::string output;  // a text the answer holds whatever state the databases are in
+};
+
+// Faults injected (hook groups, a firmware command) and cleared, the tables that show them, and
+// requests answered with errors, in one rotation that each client starts at its own place.
+const std::vector<Request> kMix = {
+    {{"corvane", "--help"}, 0, "vxcdb corvane --inject query"},
+    {{"corvane", "--inject", "sensor_i2c_fault"}, 0, "Hook group executed successfully"},
+    {{"corvane", "--inject", "query"}, 0, "sensor_i2c_fault  i2c_write_eio"},
+    {{"corvane", "--inject", "result", "sensor_i2c_fault"}, 0, "group name"},
+    {{"corvane", "--inject", "motion_fault", "fast"}, 0, "Hook group executed successfully"},
+    {{"corvane", "--inject", "firmware", "0", "0", "3", "3", "load"},
+     0,
+     "command executed successfully"},
+    {{"corvane", "--inject", "status", "0", "3", "3"}, 0, "eeprom_read_corrupt"},
+    {{"corvane", "--inject", "status", "eeprom_fault"}, 0, "eeprom_fault"},
+    {{"corvane", "--inject", "clear"}, 0, "<cleared>"},
+    {{"corvane", "--inject", "result"}, 0, "hook name"},
+    {{"corvane", "--inject", "no_such_group"}, 1, "Hook group not ready: no_such_group"},
+    {{"corvane", "--signal", "5"}, 0, ""},  // accepted, only logged
+    {{"corvane", "--signal", "0"}, 1, "Signal value is out of valid range (1-64)"},
+    {{"debug", "--dumpimagesensormoduledata", "x"}, 0, "image sensor module data dump requested"},
+};
+
+struct Tally {
+    std::atomic<long> sent{0};
+    std::atomic<long> unanswered{0};  // no usable reply: cannot connect, timeout, closed
+    std::atomic<long> unexpected{0};  // answered, but not as the request should be
+    std::mutex mutex;
+    std::string firstProblem;
+
+    void Record(const Request& request, const ProgramOutput& answer) {
+        ++sent;
+        bool answered = corvanetest::IsAnswered(answer);
+        bool expected = answer.exitCode == request.exitCode &&
+                        answer.output.find(request.output) != std::string::npos;
+        if (answered && expected) {
+            return;
+        }
+        ++(answered ? unexpected : unanswered);
+        std::lock_guard<std::mutex> lock(mutex);
+        if (firstProblem.empty()) {
+            std::ostringstream text;
+            for (const std::string& word : request.arguments) {
+                text << word << ' ';
+            }
+            text << "-> exit " << answer.exitCode << ": " << answer.output;
+            firstProblem = text.str();
+        }
+    }
+};
+
+// Runs kClients clients until `until`.
+void RunClients(const SupervisedService& service, Clock::time_point until, Tally& tally) {
+    std::vector<std::thread> clients;
+    for (int c = 0; c < kClients; ++c) {
+        clients.emplace_back([&, c] {
+            for (size_t i = static_cast<size_t>(c); Clock::now() < until; ++i) {
+                const Request& request = kMix[i % kMix.size()];
+                tally.Record(request, service.Vxcdb(request.arguments, kRequestTimeoutSeconds));
+            }
+        });
+    }
+    for (std::thread& client : clients) {
+        client.join();
+    }
+}
+
+// The figures of the service at rest: two samples in a row agree on descriptors and threads.
+ProcessFigures AtRest(pid_t pid) {
+    ProcessFigures last = FiguresOf(pid);
+    corvanetest::WaitFor([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        ProcessFigures now = FiguresOf(pid);
+        bool same = now.descriptors == last.descriptors && now.threads == last.threads;
+        last = now;
+        return same;
+    });
+    return last;
+}
+
+int LoadSeconds() {
+    const char* text = getenv("CORVANE_LOAD_SECONDS");
+    int seconds = text == nullptr ? kDefaultSeconds : atoi(text);
+    return seconds < 1 || seconds > kMaxSeconds ? kDefaultSeconds : seconds;
+}
+
+TEST(Load, ManyClientsWhileFaultsAreInjectedAndCleared) {
+    SupervisedService service;
+    // Errors only: a line per request is plenty (the request line is logged as an error).
+    service.AddProperty("persist.vendor.camera.cloud.corvanesys.loglevel", "6");
+    service.Start();
+    ASSERT_TRUE(service.WaitAnswering()) << service.Log();
+    const pid_t pid = service.ServicePid();
+    ASSERT_GT(pid, 0);
+
+    // The allocator's per-thread arenas and the cache of thread stacks fill up under the same
+    // load first, so that what is measured afterwards is growth, not first use.
+    Tally warmUp;
+    RunClients(service, Clock::now() + kWarmUp, warmUp);
+    ASSERT_EQ(warmUp.unanswered.load(), 0) << warmUp.firstProblem;
+    const ProcessFigures before = AtRest(pid);
+    const int dbFailuresBefore = service.CountInLog("SQL statement execution failed");
+
+    const int seconds = LoadSeconds();
+    Tally tally;
+    const Clock::time_point start = Clock::now();
+    RunClients(service, start + std::chrono::seconds(seconds), tally);
+    const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+
+    // At rest again, the service holds no more descriptors or threads than before.
+    ProcessFigures after = FiguresOf(pid);
+    EXPECT_TRUE(corvanetest::WaitFor([&] {
+        after = FiguresOf(pid);
+        return after.descriptors <= before.descriptors && after.threads <= before.threads;
+    })) << "descriptors "
+        << after.descriptors << " (before " << before.descriptors << "), threads " << after.threads
+        << " (before " << before.threads << ")";
+    const long served = warmUp.sent.load() + tally.sent.load();
+    const long boundKiB = before.rssKiB + kSlackKiB + served * kBytesPerRequest / 1024;
+    const int dbFailures = service.CountInLog("SQL statement execution failed") - dbFailuresBefore;
+
+    std::ostringstream figures;
+    figures << "load: " << kClients << " clients, " << tally.sent.load() << " requests in "
+            << elapsed << " s (" << static_cast<long>(tally.sent.load() / elapsed)
+            << "/s), unanswered " << tally.unanswered.load() << ", unexpected answers "
+            << tally.unexpected.load() << ", failed SQL statements " << dbFailures
+            << "; descriptors " << before.descriptors << " -> " << after.descriptors << ", threads "
+            << before.threads << " -> " << after.threads << ", VmRSS " << before.rssKiB << " -> "
+            << after.rssKiB << " KiB (bound " << boundKiB << " KiB after " << served
+            << " requests served)";
+    std::cout << figures.str() << std::endl;
+    RecordProperty("figures", figures.str());
+
+    EXPECT_GT(tally.sent.load(), kClients);
+    EXPECT_EQ(tally.unanswered.load(), 0) << tally.firstProblem;
+    EXPECT_EQ(tally.unexpected.load(), 0) << tally.firstProblem;
+    EXPECT_EQ(dbFailures, 0) << service.Log().substr(0, 4000);
+    EXPECT_LE(after.rssKiB, boundKiB);
+    // The same service all along: nothing made it die.
+    EXPECT_EQ(service.ServicePid(), pid);
+    EXPECT_EQ(kill(pid, 0), 0);
+    EXPECT_TRUE(service.Stop()) << service.Log().substr(0, 4000);
+}
+
+}  // namespace
