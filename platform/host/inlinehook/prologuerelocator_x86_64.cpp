@@ -384,6 +384,9 @@ size_t PrologueRelocator::maxTrampolineSize() const {
         switch (displaced.kind) {
             case Kind::Plain:
             case Kind::RipRelative:
+            case Kind::PcAddress:  // the AArch64 classes never occur here
+            case Kind::LiteralLoad:
+            case Kind::LandingPad:
                 size += displaced.length;
                 break;
             case Kind::Jump:
@@ -433,6 +436,10 @@ HookStatus PrologueRelocator::Emit(uintptr_t base, std::vector<uint8_t>* out) {
             case Kind::Plain:
                 Append(&code, displaced.bytes, displaced.length);
                 break;
+            case Kind::PcAddress:
+            case Kind::LiteralLoad:
+            case Kind::LandingPad:
+                return Refuse("an AArch64 instruction class in x86-64 code");
             case Kind::RipRelative: {
                 HookStatus status = appendRipRelative(displaced, displaced.bytes);
                 if (!status.ok()) {
