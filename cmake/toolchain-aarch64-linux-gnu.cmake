@@ -20,5 +20,9 @@ set(CMAKE_IGNORE_PATH /usr/lib/x86_64-linux-gnu /usr/lib/x86_64-linux-gnu/cmake)
 # The arm64 protobuf runtime with the build machine's protoc (same Debian version).
 set(Protobuf_PROTOC_EXECUTABLE /usr/bin/protoc CACHE FILEPATH "")
 
-# -L: the dynamic loader and libraries of the target; both trees hold them on Debian.
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64 -L /usr/aarch64-linux-gnu)
+# -L /: the guest's dynamic loader and every library come from the arm64 multiarch packages
+# (libc6:arm64 comes with them). Not -L /usr/aarch64-linux-gnu: that tree's loader belongs to the
+# cross toolchain's own C library build, while libc.so.6 would still be found in
+# /lib/aarch64-linux-gnu; a loader and a libc of different builds disagree on their private data
+# (the first pthread_create loops forever walking the thread-stack cache).
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64 -L /)
