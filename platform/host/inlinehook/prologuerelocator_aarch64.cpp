@@ -53,7 +53,7 @@ HookStatus Refuse(std::string detail) {
 bool PcRelativeTarget(uint32_t w, uintptr_t pc, uintptr_t* target) {
     if ((w & 0x7c000000) == 0x14000000) {  // B, BL
         *target = pc + static_cast<uintptr_t>(SignExtend(w & 0x3ffffff, 26) * 4);
-    } else if ((w & 0xff000010) == 0x54000000 ||  // B.cond
+    } else if ((w & 0xff000000) == 0x54000000 ||  // B.cond, BC.cond
                (w & 0x7e000000) == 0x34000000 ||  // CBZ, CBNZ
                (w & 0x3b000000) == 0x18000000) {  // LDR (literal), LDRSW, PRFM
         *target = pc + static_cast<uintptr_t>(SignExtend((w >> 5) & 0x7ffff, 19) * 4);
@@ -96,7 +96,7 @@ HookStatus Classify(uint32_t w, uintptr_t pc, size_t offset, DisplacedInstructio
         out->terminates = true;
     } else if ((w & 0xfc000000) == 0x94000000) {
         out->kind = Kind::Call;
-    } else if ((w & 0xff000010) == 0x54000000) {
+    } else if ((w & 0xff000000) == 0x54000000) {
         out->condition = w & 0xf;
         out->kind = out->condition >= 0xe ? Kind::Jump : Kind::ConditionalJump;  // AL and NV
         out->terminates = out->kind == Kind::Jump;
@@ -178,8 +178,8 @@ class Assembler {
 // The inverse of a conditional branch, with its offset set to `bytes`.
 uint32_t InvertedSkip(uint32_t w, size_t bytes) {
     uint32_t words = static_cast<uint32_t>(bytes / kWord);
-    if ((w & 0xff000010) == 0x54000000) {
-        return ((w ^ 1) & ~(0x7ffffu << 5)) | (words << 5);
+    if ((w & 0xff000000) == 0x54000000) {  // the skip is a plain B.cond, even for a BC.cond
+        return ((w ^ 1) & ~(0x7ffffu << 5) & ~0x10u) | (words << 5);
     }
     if ((w & 0x7e000000) == 0x34000000) {
         return ((w ^ (1u << 24)) & ~(0x7ffffu << 5)) | (words << 5);
