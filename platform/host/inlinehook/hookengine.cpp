@@ -18,17 +18,18 @@ namespace corvane::inlinehook {
 namespace {
 
 constexpr size_t kPatchSize = PrologueRelocator::kPatchSize;
-// A relay: jmp qword [rip + 2] ; int3 ; int3 ; then the 8-byte aligned slot it jumps through.
-constexpr size_t kRelaySize = 16;
-constexpr size_t kSlotOffset = 8;
-constexpr uint8_t kRelayCode[kSlotOffset] = {0xff, 0x25, 0x02, 0x00, 0x00, 0x00, 0xcc, 0xcc};
+constexpr size_t kRelaySize = PrologueRelocator::kRelaySize;
+constexpr size_t kSlotOffset = PrologueRelocator::kSlotOffset;
+using EntrySigning = PrologueRelocator::EntrySigning;
 
 uintptr_t SlotOf(uintptr_t relay) {
     return relay + kSlotOffset;
 }
 
-void WriteRelay(uintptr_t relay, uintptr_t target) {
-    CopyToCode(relay, kRelayCode, sizeof(kRelayCode));
+void WriteRelay(uintptr_t relay, uintptr_t target, EntrySigning signing = EntrySigning::None) {
+    uint8_t code[kSlotOffset];
+    PrologueRelocator::EncodeRelay(signing, code);
+    CopyToCode(relay, code, sizeof(code));
     StoreSlot(SlotOf(relay), target);
 }
 
@@ -169,12 +170,14 @@ HookStatus HookEngine::BuildSite(uintptr_t target, std::unique_ptr<Site>* out) {
         return status;
     }
     site->regionLength = relocator.regionLength();
+    site->patchAddress = target + relocator.patchOffset();
     status = CheckOverlap(target, site->regionLength);
     if (!status.ok()) {
         return status;
     }
-    const MappedRegion* lastPage = map.Find(target + kPatchSize - 1);
-    site->pageProt[0] = region->prot;
+    const MappedRegion* lastPage = map.Find(site->patchAddress + kPatchSize - 1);
+    const MappedRegion* firstPage = map.Find(site->patchAddress);
+    site->pageProt[0] = firstPage != nullptr ? firstPage->prot : region->prot;
     site->pageProt[1] = lastPage != nullptr ? lastPage->prot : region->prot;
 
     uintptr_t block = 0;
@@ -195,14 +198,15 @@ HookStatus HookEngine::BuildSite(uintptr_t target, std::unique_ptr<Site>* out) {
         if (!status.ok()) {
             return status;
         }
-        WriteRelay(site->entryRelay, site->trampoline);
+        WriteRelay(site->entryRelay, site->trampoline, relocator.entrySigning());
         CopyToCode(site->trampoline, code.data(), code.size());
     }
 
     CopyFromCode(site->original, target, site->regionLength);
-    int32_t rel = static_cast<int32_t>(site->entryRelay - (target + kPatchSize));
-    site->patch[0] = 0xe9;
-    memcpy(site->patch + 1, &rel, sizeof(rel));
+    if (!PrologueRelocator::EncodeEntryJump(site->patchAddress, site->entryRelay, site->patch)) {
+        return HookStatus::Error(SHADOWHOOK_ERRNO_HOOK_REWRITE_FAILED,
+                                 "the relay island lies out of the entry jump's reach");
+    }
     for (const auto& [from, to] : relocator.InteriorBoundaries()) {
         site->redirects[site->redirectCount++] =
             PauseRedirect{target + from, site->trampoline + to};
@@ -231,8 +235,8 @@ bool HookEngine::SiteStillMatches(const Site& site) const {
         if (!map.Load().ok()) {
             return false;
         }
-        const MappedRegion* first = map.Find(site.target);
-        const MappedRegion* fifth = map.Find(site.target + kPatchSize - 1);
+        const MappedRegion* first = map.Find(site.patchAddress);
+        const MappedRegion* fifth = map.Find(site.patchAddress + kPatchSize - 1);
         if (first == nullptr || fifth == nullptr || first->prot != site.pageProt[0] ||
             fifth->prot != site.pageProt[1] ||
             map.ReadableEnd(site.target) < site.target + site.regionLength) {
@@ -305,9 +309,9 @@ HookEngine::HookRecord* HookEngine::NewRecord(Site& site, uintptr_t replacement,
 }
 
 HookStatus HookEngine::OpenTargetWindow(const Site& site, CodeWindow* window) const {
-    HookStatus status = window->Open(site.target, 1, site.pageProt[0]);
+    HookStatus status = window->Open(site.patchAddress, 1, site.pageProt[0]);
     if (status.ok()) {
-        status = window->Open(site.target + kPatchSize - 1, 1, site.pageProt[1]);
+        status = window->Open(site.patchAddress + kPatchSize - 1, 1, site.pageProt[1]);
     }
     return status;
 }
@@ -326,7 +330,7 @@ HookStatus HookEngine::InstallFirstHook(Site& site, uintptr_t replacement, void*
         status = OpenTargetWindow(site, &targetWindow);
     }
     ThreadPause pause;
-    bool atomic = CanStoreCodeAtomically(site.target, kPatchSize);
+    bool atomic = CanStoreCodeAtomically(site.patchAddress, kPatchSize);
     bool needPause = site.redirectCount > 0 || !atomic;
     if (status.ok() && needPause) {
         status = pause.Pause(site.redirects, site.redirectCount);
@@ -339,7 +343,7 @@ HookStatus HookEngine::InstallFirstHook(Site& site, uintptr_t replacement, void*
         __atomic_store_n(orig, reinterpret_cast<void*>(site.trampoline), __ATOMIC_RELEASE);
     }
     StoreSlot(SlotOf(site.entryRelay), replacement);
-    WriteEntry(site.target, site.patch);
+    WriteEntry(site.patchAddress, site.patch);
     SyncCores();
     pause.Resume();
     targetWindow.Close();
@@ -427,7 +431,7 @@ HookStatus HookEngine::Unhook(void* stub) {
     CodeWindow targetWindow;
     HookStatus status = islandWindow.Open(redirected, kRelaySize, IslandAllocator::kIslandProt);
     ThreadPause pause;
-    bool needPause = last && !CanStoreCodeAtomically(site.target, kPatchSize);
+    bool needPause = last && !CanStoreCodeAtomically(site.patchAddress, kPatchSize);
     if (status.ok() && last) {
         status = OpenTargetWindow(site, &targetWindow);
     }
@@ -441,7 +445,7 @@ HookStatus HookEngine::Unhook(void* stub) {
     // replacement finishes its call through the chain as it was when the call began.
     StoreSlot(SlotOf(redirected), next);
     if (last) {
-        WriteEntry(site.target, site.original);
+        WriteEntry(site.patchAddress, site.original + (site.patchAddress - site.target));
         SyncCores();
     }
     pause.Resume();

@@ -76,13 +76,14 @@ class HookEngine {
     struct Site {
         uintptr_t target = 0;
         size_t regionLength = 0;
-        uint8_t original[32] = {};  // the displaced bytes as found
+        uintptr_t patchAddress = 0;  // where the entry jump goes: the target, or past a landing pad
+        uint8_t original[32] = {};   // the displaced bytes as found
         uint8_t patch[8] = {};
         uintptr_t entryRelay = 0;
         uintptr_t trampoline = 0;
         PauseRedirect redirects[ThreadPause::kMaxRedirects] = {};
         size_t redirectCount = 0;
-        int pageProt[2] = {};  // protection of the pages of the first and the fifth byte
+        int pageProt[2] = {};  // protection of the pages of the entry jump's first and last byte
         uintptr_t objectBase = 0;
         uintptr_t symbolStart = 0;
         uintptr_t symbolEnd = 0;

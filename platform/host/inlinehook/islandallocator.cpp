@@ -73,8 +73,9 @@ HookStatus IslandAllocator::Allocate(uintptr_t near, size_t size, uintptr_t* blo
     }
     return HookStatus::Error(
         SHADOWHOOK_ERRNO_OOM,
-        Format("no free address space within 2 GiB of %#lx for a relay island (%zu candidates)",
-               static_cast<unsigned long>(near), candidates.size()));
+        Format("no free address space within %lu MiB of %#lx for a relay island (%zu candidates)",
+               static_cast<unsigned long>(kReach >> 20), static_cast<unsigned long>(near),
+               candidates.size()));
 }
 
 bool IslandAllocator::TakeFromIsland(uintptr_t near, size_t size, uintptr_t reach,

@@ -1,5 +1,5 @@
-// Executable memory for relays and trampolines, placed within rel32 reach (±2 GiB) of the code
-// that jumps into it.
+// Executable memory for relays and trampolines, placed within reach of the code that jumps into
+// it: ±2 GiB (rel32) on x86-64, ±128 MiB (B imm26) on AArch64.
 //
 // Islands are 64 KiB anonymous mappings, read+execute; the engine makes a page writable only
 // while it writes (CodeWindow). Blocks are handed out by bumping and never returned: a thread may
@@ -23,18 +23,28 @@ class IslandAllocator {
     static constexpr size_t kIslandSize = 64 * 1024;
     // Farthest a block may lie from the address it serves, with room to spare for the few bytes
     // between a jump and the end of its block.
+#if defined(__aarch64__)
+    static constexpr uintptr_t kReach = (128ULL << 20) - kIslandSize;
+#else
     static constexpr uintptr_t kReach = 0x7fff0000;
+#endif
     // An existing island serves an address only this close, so that what the displaced
     // instructions address (the function's own library) stays in reach of the trampoline too; a
     // new island goes as close as free address space allows.
+#if defined(__aarch64__)
+    static constexpr uintptr_t kReuseReach = 32ULL << 20;
+#else
     static constexpr uintptr_t kReuseReach = 256ULL << 20;
+#endif
     static constexpr int kIslandProt = PROT_READ | PROT_EXEC;
 
     // A 16-byte aligned block of `size` bytes wholly within kReach of `near`.
     HookStatus Allocate(uintptr_t near, size_t size, uintptr_t* block);
     bool Contains(uintptr_t address) const;
 
-    size_t islandCount() const { return m_islands.size(); }
+    size_t islandCount() const {
+        return m_islands.size();
+    }
     size_t bytesInUse() const;
 
   private:

@@ -17,8 +17,14 @@ constexpr uintptr_t kPageSize = 4096;
 // Nothing is placed below this: the kernel refuses low addresses (mmap_min_addr) and a null
 // dereference with an offset must keep faulting.
 constexpr uintptr_t kLowestAddress = 1ULL << 20;
+#if defined(__aarch64__)
+// Top of the 48-bit user address space of an AArch64 kernel with 4 KiB pages; a kernel with a
+// smaller space simply has no free gaps up there.
+constexpr uintptr_t kHighestAddress = 0x0000fffffffff000ULL;
+#else
 // Top of the 47-bit user address space every x86-64 kernel gives without asking for more.
 constexpr uintptr_t kHighestAddress = 0x00007ffffffff000ULL;
+#endif
 // Room left above the brk heap and below the main thread's stack so both can still grow.
 constexpr uintptr_t kHeapGrowthRoom = 256ULL << 20;
 constexpr uintptr_t kStackGrowthRoom = 256ULL << 20;

@@ -1,10 +1,13 @@
 // Moves the first instructions of a function elsewhere so that they still do what they did.
 //
-// A hook overwrites the first 5 bytes of a function with a jump; the whole instructions those
-// bytes touch (the "displaced" instructions) are copied into a trampoline, rewritten where their
-// meaning depends on where they sit, and followed by a jump back to the first byte after them.
-// Analyze() decodes and checks them without writing anything; Emit() produces the trampoline for
-// a given address. Whatever cannot be moved with certainty is refused with a reason.
+// A hook overwrites the first bytes of a function with a jump (5 bytes, jmp rel32, on x86-64; one
+// 4-byte B on AArch64, after a landing pad kept at the entry); the whole instructions up to the
+// end of the jump (the "displaced" instructions) are copied into a trampoline, rewritten where
+// their meaning depends on where they sit, and followed by a jump back to the first byte after
+// them. Analyze() decodes and checks them without writing anything; Emit() produces the
+// trampoline for a given address. Whatever cannot be moved with certainty is refused with a
+// reason. One implementation per architecture (prologuerelocator_<arch>.cpp), which also encodes
+// the entry jump and the relays the engine writes.
 #pragma once
 
 #include <stddef.h>
@@ -30,9 +33,12 @@ struct DisplacedInstruction {
     enum class Kind {
         Plain,            // position-independent: copied as it is
         RipRelative,      // memory operand addressed from RIP: displacement recomputed
-        Jump,             // jmp rel8/rel32
-        ConditionalJump,  // jcc rel8/rel32
-        Call,             // call: the original return address is pushed, then a jump
+        Jump,             // jmp rel8/rel32; AArch64 B
+        ConditionalJump,  // jcc rel8/rel32; AArch64 B.cond, CBZ/CBNZ, TBZ/TBNZ
+        Call,             // call: the original return address is pushed, then a jump; AArch64 BL
+        PcAddress,        // AArch64 ADR/ADRP: the address is loaded from a literal
+        LiteralLoad,      // AArch64 LDR (literal): loaded through the absolute address
+        LandingPad,       // AArch64 BTI / PACIASP / PACIBSP at the entry: kept there, copied
     };
     enum class CallForm { Relative, IndirectRip, Indirect };
 
@@ -53,13 +59,43 @@ struct DisplacedInstruction {
 
 class PrologueRelocator {
   public:
+#if defined(__aarch64__)
+    // Bytes of the B written over the function's entry (after a landing pad).
+    static constexpr size_t kPatchSize = 4;
+    // A relay: [autiasp|autibsp|nop]; ldr x17, slot; br x17; udf; then the 8-byte slot.
+    static constexpr size_t kRelaySize = 24;
+    static constexpr size_t kSlotOffset = 16;
+#else
     // Bytes of the jmp rel32 written over the function's entry.
     static constexpr size_t kPatchSize = 5;
+    // A relay: jmp qword [rip + 2] ; int3 ; int3 ; then the 8-byte aligned slot it jumps through.
+    static constexpr size_t kRelaySize = 16;
+    static constexpr size_t kSlotOffset = 8;
+#endif
+    // What a thread entering the entry relay has done that the relay must undo before the
+    // replacement runs: a return address signed by the landing pad kept at the entry.
+    enum class EntrySigning { None, KeyA, KeyB };
+
+    // The code of a relay (kSlotOffset bytes) jumping through its slot.
+    static void EncodeRelay(EntrySigning signing, uint8_t* code);
+    // The jump written at `from` to `to` (kPatchSize bytes); false when out of reach.
+    static bool EncodeEntryJump(uintptr_t from, uintptr_t to, uint8_t* patch);
 
     HookStatus Analyze(uintptr_t address, const CodeBounds& bounds);
 
-    size_t regionLength() const { return m_length; }
-    const std::vector<DisplacedInstruction>& instructions() const { return m_instructions; }
+    size_t regionLength() const {
+        return m_length;
+    }
+    // Where the entry jump goes, from the hooked address: past a landing pad kept in place.
+    size_t patchOffset() const {
+        return m_patchOffset;
+    }
+    EntrySigning entrySigning() const {
+        return m_entrySigning;
+    }
+    const std::vector<DisplacedInstruction>& instructions() const {
+        return m_instructions;
+    }
     // Upper bound of the trampoline Emit() writes, wherever it is placed.
     size_t maxTrampolineSize() const;
 
@@ -74,6 +110,8 @@ class PrologueRelocator {
 
     uintptr_t m_address = 0;
     size_t m_length = 0;
+    size_t m_patchOffset = 0;
+    EntrySigning m_entrySigning = EntrySigning::None;
     std::vector<DisplacedInstruction> m_instructions;
 };
 

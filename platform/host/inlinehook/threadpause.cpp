@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <type_traits>
 
 namespace corvane::inlinehook {
 
@@ -87,11 +88,15 @@ void OnPauseSignal(int signal, siginfo_t* info, void* context) {
     uint32_t generation = static_cast<uint32_t>(value);
     if (g_shared.active.load(std::memory_order_acquire) == generation) {
         auto* ucontext = static_cast<ucontext_t*>(context);
-        greg_t& rip = ucontext->uc_mcontext.gregs[REG_RIP];
+#if defined(__x86_64__)
+        auto& pc = ucontext->uc_mcontext.gregs[REG_RIP];
+#elif defined(__aarch64__)
+        auto& pc = ucontext->uc_mcontext.pc;
+#endif
         size_t redirects = g_shared.redirectCount.load(std::memory_order_acquire);
         for (size_t i = 0; i < redirects; ++i) {
-            if (static_cast<uintptr_t>(rip) == g_shared.redirects[i].from) {
-                rip = static_cast<greg_t>(g_shared.redirects[i].to);
+            if (static_cast<uintptr_t>(pc) == g_shared.redirects[i].from) {
+                pc = static_cast<std::remove_reference_t<decltype(pc)>>(g_shared.redirects[i].to);
                 break;
             }
         }

@@ -361,12 +361,32 @@ HookStatus PrologueRelocator::ScanFunction(const CodeBounds& bounds) const {
     return HookStatus::Ok();
 }
 
+void PrologueRelocator::EncodeRelay(EntrySigning, uint8_t* code) {
+    static constexpr uint8_t kRelayCode[kSlotOffset] = {0xff, 0x25, 0x02, 0x00,
+                                                        0x00, 0x00, 0xcc, 0xcc};
+    memcpy(code, kRelayCode, sizeof(kRelayCode));
+}
+
+bool PrologueRelocator::EncodeEntryJump(uintptr_t from, uintptr_t to, uint8_t* patch) {
+    int64_t rel = static_cast<int64_t>(to - (from + kPatchSize));
+    if (rel < INT32_MIN || rel > INT32_MAX) {
+        return false;
+    }
+    int32_t rel32 = static_cast<int32_t>(rel);
+    patch[0] = 0xe9;
+    memcpy(patch + 1, &rel32, sizeof(rel32));
+    return true;
+}
+
 size_t PrologueRelocator::maxTrampolineSize() const {
     size_t size = 0;
     for (const DisplacedInstruction& displaced : m_instructions) {
         switch (displaced.kind) {
             case Kind::Plain:
             case Kind::RipRelative:
+            case Kind::PcAddress:  // the AArch64 classes never occur here
+            case Kind::LiteralLoad:
+            case Kind::LandingPad:
                 size += displaced.length;
                 break;
             case Kind::Jump:
@@ -416,6 +436,10 @@ HookStatus PrologueRelocator::Emit(uintptr_t base, std::vector<uint8_t>* out) {
             case Kind::Plain:
                 Append(&code, displaced.bytes, displaced.length);
                 break;
+            case Kind::PcAddress:
+            case Kind::LiteralLoad:
+            case Kind::LandingPad:
+                return Refuse("an AArch64 instruction class in x86-64 code");
             case Kind::RipRelative: {
                 HookStatus status = appendRipRelative(displaced, displaced.bytes);
                 if (!status.ok()) {

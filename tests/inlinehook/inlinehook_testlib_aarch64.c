@@ -1,0 +1,61 @@
+// Functions whose machine code must be exactly so, written in assembly with ELF symbol sizes,
+// for the AArch64 inline-hook tests. Each takes an int in w0 and returns an int in w0.
+__asm__(
+    ".text\n"
+
+    // Only a landing pad before the end of its symbol: no room for the jump after it.
+    ".balign 16\n"
+    ".globl ih_tiny\n"
+    ".type ih_tiny, %function\n"
+    "ih_tiny:\n"
+    "    bti c\n"
+    ".size ih_tiny, .-ih_tiny\n"
+    "    ret\n"
+
+    // A loop back to the function's very first instruction.
+    ".balign 16\n"
+    ".globl ih_entry_loop\n"
+    ".type ih_entry_loop, %function\n"
+    "ih_entry_loop:\n"
+    "    sub w0, w0, #1\n"
+    "    cmp w0, #0\n"
+    "    b.gt ih_entry_loop\n"
+    "    ret\n"
+    ".size ih_entry_loop, .-ih_entry_loop\n"
+
+    // Return-address signing at the entry, then a frame and a call: the pad stays in place and
+    // the relay authenticates the return address before the replacement runs. 3x + 7.
+    ".balign 16\n"
+    ".globl ih_pac\n"
+    ".type ih_pac, %function\n"
+    "ih_pac:\n"
+    "    paciasp\n"
+    "    stp x29, x30, [sp, #-16]!\n"
+    "    mov x29, sp\n"
+    "    bl ih_helper_triple\n"
+    "    add w0, w0, #7\n"
+    "    ldp x29, x30, [sp], #16\n"
+    "    autiasp\n"
+    "    ret\n"
+    ".size ih_pac, .-ih_pac\n"
+
+    ".balign 16\n"
+    ".type ih_helper_triple, %function\n"
+    "ih_helper_triple:\n"
+    "    add w0, w0, w0, lsl #1\n"
+    "    ret\n"
+    ".size ih_helper_triple, .-ih_helper_triple\n"
+
+    // A BTI landing pad, then an adr of a constant it loads: x + 1000.
+    ".balign 16\n"
+    ".globl ih_bti_adr\n"
+    ".type ih_bti_adr, %function\n"
+    "ih_bti_adr:\n"
+    "    bti c\n"
+    "    adr x1, 1f\n"
+    "    ldr w1, [x1]\n"
+    "    add w0, w0, w1\n"
+    "    ret\n"
+    "1:  .word 1000\n"
+    ".size ih_bti_adr, .-ih_bti_adr\n"
+    ".section .note.GNU-stack,\"\",%progbits\n");
