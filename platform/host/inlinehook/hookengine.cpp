@@ -17,7 +17,6 @@ namespace corvane::inlinehook {
 namespace {
 
 constexpr size_t kPatchSize = PrologueRelocator::kPatchSize;
-constexpr uintptr_t kPageMask = ~static_cast<uintptr_t>(4095);
 // A relay: jmp qword [rip + 2] ; int3 ; int3 ; then the 8-byte aligned slot it jumps through.
 constexpr size_t kRelaySize = 16;
 constexpr size_t kSlotOffset = 8;
