@@ -45,7 +45,9 @@ TEST_F(SocketServer, StaleSocketFileIsReplaced) {
     struct stat info = {};
     ASSERT_EQ(stat(m_path.c_str(), &info), 0);
     EXPECT_TRUE(S_ISSOCK(info.st_mode));
-    EXPECT_TRUE(m_log.Contains("Setup Server Socket: " + m_path));
+    // Logged after listen(), so a client may connect before the line is written.
+    EXPECT_TRUE(
+        corvanetest::WaitFor([&] { return m_log.Contains("Setup Server Socket: " + m_path); }));
 }
 
 TEST_F(SocketServer, OneRequestOneReplyThenTheConnectionIsClosed) {
