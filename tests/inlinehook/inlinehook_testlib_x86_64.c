@@ -23,14 +23,16 @@ __asm__(
     "    ret\n"
     ".size ih_back_branch, .-ih_back_branch\n"
 
-    // A loop back to the function's very first byte.
+    // A loop back to the function's very first byte. The branch names a local label: a branch to
+    // the global symbol is left to the linker by some assemblers (clang's), which sends it
+    // through the library's PLT instead of back into the function.
     ".balign 16\n"
     ".globl ih_entry_loop\n"
     ".type ih_entry_loop, @function\n"
     "ih_entry_loop:\n"
-    "    subl $1, %edi\n"
+    "1:  subl $1, %edi\n"
     "    testl %edi, %edi\n"
-    "    jg ih_entry_loop\n"
+    "    jg 1b\n"
     "    movl %edi, %eax\n"
     "    ret\n"
     ".size ih_entry_loop, .-ih_entry_loop\n"

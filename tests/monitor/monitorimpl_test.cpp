@@ -329,7 +329,7 @@ TEST_F(MonitorBusTest, QueriesAnswerOverTheBus) {
 
 TEST_F(MonitorBusTest, RepliesProbeMessagesAndSubscriptionsBehaveAsSendersRelyOn) {
     WriteHistory({P("A", "wide", 1, true)});
-    ExpectInChild([this] {
+    ExpectInChild([] {
         Monitor::Destroy(Monitor::Create());  // the subscriptions outlive the monitor
         MessageCenterClient* bus = MessageCenterClient::GetInstance();
         for (const char* topic : {"GET_LAST_PROBE_SENSOR_NAME", "GET_MOST_PROBE_SENSOR_NAME"}) {

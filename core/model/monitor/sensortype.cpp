@@ -2,12 +2,7 @@
 
 #include <ctype.h>
 
-// GCC 12 reports a false "maybe uninitialized" inside libstdc++'s regex compiler when building
-// with sanitizers; the warning is about the library's code, not ours.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #include <regex>
-#pragma GCC diagnostic pop
 
 #include "core/controller/corvanesystemlog.h"
 

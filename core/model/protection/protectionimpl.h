@@ -74,7 +74,7 @@ class ProtectionImpl : public Protection {
 
     ProtectionDBOperations* m_pProtectionDBOperations = nullptr;  // owned; only with recording
     HookOperation* m_pHookOperation = nullptr;                    // not owned
-    bool m_reserved = false;  // part of the object's layout; cleared and never used
+    [[maybe_unused]] bool m_reserved = false;  // part of the object's layout; never used
     int32_t m_recordSwitch = 0;
     std::map<std::string, ProtectinoShemeConfig> m_schemeConfig;
     int32_t m_hookInitResult = -1;

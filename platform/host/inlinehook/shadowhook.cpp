@@ -3,6 +3,7 @@
 #include "shadowhook.h"
 
 #include <dlfcn.h>
+#include <string.h>
 
 #include <atomic>
 #include <mutex>
@@ -140,9 +141,15 @@ SHADOWHOOK_API int shadowhook_init(shadowhook_mode_t mode, bool debuggable) {
     g_initCalled = true;
     corvane::inlinehook::SetDebuggable(debuggable);
     HookStatus status;
-    if (mode != SHADOWHOOK_MODE_SHARED && mode != SHADOWHOOK_MODE_UNIQUE) {
-        status = HookStatus::Error(SHADOWHOOK_ERRNO_INVALID_ARG,
-                                   Format("unknown mode %d", static_cast<int>(mode)));
+    // A C caller may pass any int as the mode. In C++ a shadowhook_mode_t outside its two
+    // enumerators is not a value the compiler has to keep (it may fold this very test away), so
+    // the mode is looked at through its int representation until it is known to be valid.
+    static_assert(sizeof(shadowhook_mode_t) == sizeof(int), "the mode is passed as an int");
+    int rawMode = 0;
+    memcpy(&rawMode, &mode, sizeof(rawMode));
+    if (rawMode != SHADOWHOOK_MODE_SHARED && rawMode != SHADOWHOOK_MODE_UNIQUE) {
+        status =
+            HookStatus::Error(SHADOWHOOK_ERRNO_INVALID_ARG, Format("unknown mode %d", rawMode));
     } else {
         g_mode.store(mode);
         try {
