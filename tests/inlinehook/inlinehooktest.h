@@ -1,5 +1,5 @@
 // Helpers shared by the inline-hook tests: initialisation, real library functions, byte
-// snapshots and checks that run inside forked children.
+// snapshots, replacements with predictable results and checks that run inside forked children.
 #pragma once
 
 #include <dlfcn.h>
@@ -15,12 +15,20 @@
 
 namespace inlinehooktest {
 
+using Unary = double (*)(double);
+using IntFunction = int (*)(int);
+
 // Shared mode, as the system itself initialises the engine. Unique-mode and not-initialised
 // scenarios run in forked children.
 inline void InitShared() {
     ASSERT_EQ(SHADOWHOOK_ERRNO_OK, shadowhook_init(SHADOWHOOK_MODE_SHARED, false));
     ASSERT_EQ(SHADOWHOOK_MODE_SHARED, shadowhook_get_mode());
 }
+
+class SharedModeTest : public ::testing::Test {
+  protected:
+    void SetUp() override { InitShared(); }
+};
 
 // Address of `symbol` in an already loadable library (loaded if needed, never unloaded).
 inline void* Symbol(const char* library, const char* symbol) {
@@ -43,11 +51,37 @@ inline std::vector<uint8_t> Bytes(const void* address, size_t count = 32) {
     return std::vector<uint8_t>(begin, begin + count);
 }
 
+template <typename Function>
+void* Code(Function function) {
+    return reinterpret_cast<void*>(function);
+}
+
 // The orig entry the engine handed out, read as the replacement reads it on other threads.
 template <typename Function>
 Function Orig(void* const* slot) {
     return reinterpret_cast<Function>(__atomic_load_n(slot, __ATOMIC_ACQUIRE));
 }
+
+// Replacements that run the original through their orig entry and change its result in a way
+// the tests predict, so a result tells whether the hook ran.
+inline void* g_unaryOrig = nullptr;
+inline double PlusThousand(double x) {
+    return Orig<Unary>(&g_unaryOrig)(x) + 1000.0;
+}
+inline void* g_intOrig = nullptr;
+inline int Twice(int x) {
+    return Orig<IntFunction>(&g_intOrig)(x) * 2;
+}
+
+// Scenarios that need the engine uninitialised run in a forked child; that only works if this
+// process never initialised it, which holds under CTest (one process per test case).
+#define SKIP_IF_ENGINE_INITIALISED()                                                  \
+    do {                                                                              \
+        if (shadowhook_get_init_errno() != SHADOWHOOK_ERRNO_UNINIT) {                 \
+            GTEST_SKIP() << "the engine is already initialised in this process; run " \
+                            "this case alone (as CTest does)";                        \
+        }                                                                             \
+    } while (0)
 
 }  // namespace inlinehooktest
 
