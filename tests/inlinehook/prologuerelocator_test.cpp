@@ -1,0 +1,478 @@
+// The relocation of displaced instructions, on hand-assembled functions copied into memory the
+// test maps: one function per instruction class an entry holds, hooked through the API and run
+// through the hook, through orig and after unhook; code the engine must refuse; and the long
+// forms the relocator falls back to when its trampoline lies beyond the reach of a relative
+// branch (rel32 on x86-64, B's ±128 MiB on AArch64).
+#include "platform/host/inlinehook/prologuerelocator.h"
+
+#include <string.h>
+#include <sys/mman.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/inlinehook/inlinehooktest.h"
+
+namespace {
+
+using corvane::inlinehook::CodeBounds;
+using corvane::inlinehook::HookStatus;
+using corvane::inlinehook::PrologueRelocator;
+using inlinehooktest::Bytes;
+using inlinehooktest::Code;
+
+constexpr size_t kPageSize = 4096;
+// Layout of a test page: the function under test, bodies it branches to, a helper it calls, and
+// data it reads.
+constexpr uint32_t kCode = 0x100;
+constexpr uint32_t kBody = 0x300;
+constexpr uint32_t kOther = 0x340;
+constexpr uint32_t kHelper = 0x400;
+constexpr uint32_t kData = 0x800;
+
+// One page of hand-made code, read+execute once sealed, unmapped at the end.
+class CodePage {
+  public:
+    explicit CodePage(void* hint = nullptr, int extraFlags = 0) {
+        void* page = mmap(hint, kPageSize, PROT_READ | PROT_WRITE,
+                          MAP_PRIVATE | MAP_ANONYMOUS | extraFlags, -1, 0);
+        m_base = page == MAP_FAILED ? nullptr : static_cast<uint8_t*>(page);
+#if defined(__x86_64__)
+        if (m_base != nullptr) {
+            memset(m_base, 0xcc, kPageSize);  // int3 wherever the code runs astray
+        }
+#endif
+    }
+    ~CodePage() {
+        if (m_base != nullptr) {
+            munmap(m_base, kPageSize);
+        }
+    }
+    CodePage(const CodePage&) = delete;
+    CodePage& operator=(const CodePage&) = delete;
+
+    bool valid() const {
+        return m_base != nullptr;
+    }
+    uintptr_t address(size_t offset) const {
+        return reinterpret_cast<uintptr_t>(m_base) + offset;
+    }
+    void Write(size_t offset, const void* bytes, size_t length) {
+        memcpy(m_base + offset, bytes, length);
+    }
+    void Write(size_t offset, const std::vector<uint8_t>& bytes) {
+        Write(offset, bytes.data(), bytes.size());
+    }
+    void Seal() {
+        __builtin___clear_cache(reinterpret_cast<char*>(m_base),
+                                reinterpret_cast<char*>(m_base) + kPageSize);
+        ASSERT_EQ(0, mprotect(m_base, kPageSize, PROT_READ | PROT_EXEC));
+    }
+
+  private:
+    uint8_t* m_base = nullptr;
+};
+
+// A function of one int, its code (placed at kCode), and what it computes.
+struct HandMade {
+    const char* name;
+    std::vector<uint8_t> code;
+    std::function<int(int)> expected;
+    // It reads the condition flags set by the caller, which a C++ replacement does not keep.
+    bool flags = false;
+    // Its operand is addressed from the PC and cannot reach an arbitrary trampoline address.
+    bool farRefused = false;
+};
+
+struct Refused {
+    const char* name;
+    std::vector<uint8_t> code;
+    int error;
+};
+
+#if defined(__x86_64__)
+
+// rel32 from the end of an instruction ending at `from` (page offsets) to `to`.
+std::vector<uint8_t> Rel32(size_t from, size_t to) {
+    int32_t rel = static_cast<int32_t>(static_cast<int64_t>(to) - static_cast<int64_t>(from));
+    std::vector<uint8_t> bytes(4);
+    memcpy(bytes.data(), &rel, 4);
+    return bytes;
+}
+
+std::vector<uint8_t> Join(std::initializer_list<std::vector<uint8_t>> parts) {
+    std::vector<uint8_t> joined;
+    for (const auto& part : parts) {
+        joined.insert(joined.end(), part.begin(), part.end());
+    }
+    return joined;
+}
+
+const size_t c = kCode;
+
+std::vector<HandMade> RelocatableFunctions() {
+    return {
+        {"endbr64 and a frame: push rbp; mov rbp, rsp",
+         {0xf3, 0x0f, 0x1e, 0xfa, 0x55, 0x48, 0x89, 0xe5, 0x8d, 0x47, 0x07, 0x5d, 0xc3},
+         [](int x) { return x + 7; }},
+        {"RIP-relative load: mov eax, [rip+data]",
+         Join({{0x8b, 0x05}, Rel32(c + 6, kData), {0x01, 0xf8, 0xc3}}),
+         [](int x) { return x + 1000; }, false, true},
+        {"RIP-relative lea, then a load through it",
+         Join({{0x48, 0x8d, 0x0d}, Rel32(c + 7, kData + 4), {0x8b, 0x01, 0x01, 0xf8, 0xc3}}),
+         [](int x) { return x + 2000; }, false, true},
+        {"short jcc out of the displaced bytes: test; js; lea",
+         {0x85, 0xff, 0x78, 0x04, 0x8d, 0x47, 0x01, 0xc3, 0x89, 0xf8, 0xf7, 0xd8, 0xc3},
+         [](int x) { return x < 0 ? -x : x + 1; }},
+        {"near jcc: cmp edi, 10; jg rel32",
+         Join({{0x83, 0xff, 0x0a, 0x0f, 0x8f},
+               Rel32(c + 9, c + 13),
+               {0x8d, 0x47, 0x05, 0xc3, 0x8d, 0x04, 0x3f, 0xc3}}),
+         [](int x) { return x > 10 ? 2 * x : x + 5; }},
+        {"short jmp as the last displaced instruction",
+         {0x31, 0xc0, 0x01, 0xf8, 0xeb, 0x03, 0xcc, 0xcc, 0xcc, 0x83, 0xc0, 0x05, 0xc3},
+         [](int x) { return x + 5; }},
+        {"near jmp at the entry", Join({{0xe9}, Rel32(c + 5, kBody)}), [](int x) { return 3 * x; }},
+        {"call rel32 at the entry", Join({{0xe8}, Rel32(c + 5, kHelper), {0x01, 0xf8, 0xc3}}),
+         [](int x) { return x + 40; }},
+        {"call through a RIP-relative pointer",
+         Join({{0xff, 0x15}, Rel32(c + 6, kData + 8), {0x01, 0xf8, 0xc3}}),
+         [](int x) { return x + 40; }, false, true},
+        {"push rbx; sub rsp, 16; mov [rsp+8], edi",
+         {0x53, 0x48, 0x83, 0xec, 0x10, 0x89, 0x7c, 0x24, 0x08, 0x8b, 0x44,
+          0x24, 0x08, 0x83, 0xc0, 0x03, 0x48, 0x83, 0xc4, 0x10, 0x5b, 0xc3},
+         [](int x) { return x + 3; }},
+        {"a loop inside the displaced bytes: mov; shr; jnz back",
+         {0x89, 0xf8, 0xd1, 0xe8, 0x75, 0xfc, 0x8d, 0x47, 0x05, 0xc3},
+         [](int x) { return x + 5; }},
+    };
+}
+
+std::vector<Refused> RefusedSequences() {
+    const int kRewrite = SHADOWHOOK_ERRNO_HOOK_REWRITE_FAILED;
+    return {
+        {"ret: the function ends before 5 bytes", {0xc3}, SHADOWHOOK_ERRNO_HOOK_SYMSZ},
+        {"xor; ret", {0x31, 0xc0, 0xc3}, SHADOWHOOK_ERRNO_HOOK_SYMSZ},
+        {"jrcxz (rel8 only)", {0xe3, 0x03, 0x31, 0xc0, 0x31, 0xc0, 0xc3}, kRewrite},
+        {"loop (rel8 only)", {0x31, 0xc0, 0xe2, 0xfe, 0x31, 0xc0, 0xc3}, kRewrite},
+        {"int3 at the entry (a breakpoint)", {0xcc, 0x31, 0xc0, 0x31, 0xc0, 0xc3}, kRewrite},
+        {"call rax followed by more displaced bytes",
+         {0xff, 0xd0, 0x89, 0xf8, 0x01, 0xc0, 0xc3},
+         kRewrite},
+        {"reads its own first bytes", {0x8b, 0x05, 0xfc, 0xff, 0xff, 0xff, 0xc3}, kRewrite},
+        {"undecodable: movntps with a register operand",
+         {0x0f, 0x2b, 0xc0, 0x31, 0xc0, 0xc3},
+         kRewrite},
+    };
+}
+
+// Fills a page with the function, the far body (3x), the helper (returns 40) and the data.
+void Assemble(CodePage* page, const std::vector<uint8_t>& code) {
+    page->Write(kCode, code);
+    page->Write(kBody, {0x8d, 0x04, 0x7f, 0xc3});                // lea eax,[rdi+rdi*2]
+    page->Write(kHelper, {0xb8, 0x28, 0x00, 0x00, 0x00, 0xc3});  // mov eax, 40
+    struct {
+        int32_t data[2] = {1000, 2000};
+        uintptr_t helper;
+    } data;
+    data.helper = page->address(kHelper);
+    page->Write(kData, &data, sizeof(data));
+}
+
+int Call(uintptr_t function, int x) {
+    return reinterpret_cast<int (*)(int)>(function)(x);
+}
+
+#else  // AArch64
+
+// Encoders for the words the cases need; offsets are page offsets.
+uint32_t Imm(uint32_t from, uint32_t to, unsigned bits) {
+    return static_cast<uint32_t>((static_cast<int64_t>(to) - from) / 4) & ((1u << bits) - 1);
+}
+uint32_t B(uint32_t from, uint32_t to) {
+    return 0x14000000 | Imm(from, to, 26);
+}
+uint32_t Bl(uint32_t from, uint32_t to) {
+    return 0x94000000 | Imm(from, to, 26);
+}
+uint32_t BCond(uint32_t from, uint32_t to, uint32_t cond) {
+    return 0x54000000 | Imm(from, to, 19) << 5 | cond;
+}
+uint32_t Cb(uint32_t op, uint32_t from, uint32_t to) {  // op: 0x34000000 cbz, 0x35000000 cbnz w0
+    return op | Imm(from, to, 19) << 5;
+}
+uint32_t Tb(uint32_t op, unsigned bit, uint32_t from, uint32_t to) {  // tbz/tbnz w0, #bit
+    return op | (bit & 31) << 19 | Imm(from, to, 14) << 5;
+}
+uint32_t Literal(uint32_t op, unsigned reg, uint32_t from, uint32_t to) {
+    return op | Imm(from, to, 19) << 5 | reg;
+}
+uint32_t Adr(unsigned reg, uint32_t from, uint32_t to) {
+    uint32_t imm = static_cast<uint32_t>(static_cast<int64_t>(to) - from) & 0x1fffff;
+    return 0x10000000 | (imm & 3) << 29 | (imm >> 2) << 5 | reg;
+}
+uint32_t AddW0(unsigned imm) {
+    return 0x11000000 | imm << 10;
+}
+std::vector<uint8_t> Words(std::initializer_list<uint32_t> words) {
+    std::vector<uint8_t> bytes(words.size() * 4);
+    memcpy(bytes.data(), words.begin(), bytes.size());
+    return bytes;
+}
+
+constexpr uint32_t kRet = 0xd65f03c0;
+constexpr uint32_t kBtiC = 0xd503245f;
+constexpr uint32_t kPaciasp = 0xd503233f;
+constexpr uint32_t kAutiasp = 0xd50323bf;
+constexpr uint32_t kAddW0W1 = 0x0b010000;  // add w0, w0, w1
+constexpr uint32_t kAddX0X1 = 0x8b010000;  // add x0, x0, x1
+constexpr uint32_t kLdrW1X1 = 0xb9400021;  // ldr w1, [x1]
+constexpr uint32_t kLdrW = 0x18000000, kLdrX = 0x58000000, kLdrsw = 0x98000000;
+constexpr uint32_t kLdrS = 0x1c000000, kLdrD = 0x5c000000, kLdrQ = 0x9c000000;
+constexpr uint32_t kPrfm = 0xd8000000;
+constexpr uint32_t kFcvtzsW1S0 = 0x1e380001, kFcvtzsW1D0 = 0x1e780001;
+constexpr uint32_t kCbz = 0x34000000, kCbnz = 0x35000000, kTbz = 0x36000000, kTbnz = 0x37000000;
+constexpr uint32_t kGt = 0xc;
+
+const uint32_t c = kCode;
+
+std::vector<HandMade> RelocatableFunctions() {
+    auto plus = [](int n) { return [n](int x) { return x + n; }; };
+    auto branchTo77 = [](std::function<bool(int)> taken) {
+        return [taken](int x) { return taken(x) ? 77 : x + 5; };
+    };
+    return {
+        {"plain: add; ret", Words({AddW0(7), kRet}), plus(7)},
+        {"bti c kept at the entry", Words({kBtiC, AddW0(7), kRet}), plus(7)},
+        {"paciasp kept at the entry, the relay authenticates",
+         Words({kPaciasp, AddW0(7), kAutiasp, kRet}), plus(7)},
+        {"b to a body elsewhere", Words({B(c, kBody)}), [](int x) { return 3 * x; }},
+        {"cbz w0", Words({Cb(kCbz, c, kOther), AddW0(5), kRet}),
+         branchTo77([](int x) { return x == 0; })},
+        {"cbnz w0", Words({Cb(kCbnz, c, kOther), AddW0(5), kRet}),
+         branchTo77([](int x) { return x != 0; })},
+        {"tbz w0, #3", Words({Tb(kTbz, 3, c, kOther), AddW0(5), kRet}),
+         branchTo77([](int x) { return (x & 8) == 0; })},
+        {"tbnz w0, #31", Words({Tb(kTbnz, 31, c, kOther), AddW0(5), kRet}),
+         branchTo77([](int x) { return x < 0; })},
+        {"b.gt on the caller's flags", Words({BCond(c, kOther, kGt), AddW0(5), kRet}),
+         branchTo77([](int x) { return x > 10; }), true},
+        {"adr x1, data", Words({Adr(1, c, kData), kLdrW1X1, kAddW0W1, kRet}), plus(1000)},
+        {"adrp x1, page; add x1, x1, #0x800",
+         Words({0x90000001, 0x91200021, kLdrW1X1, kAddW0W1, kRet}), plus(1000)},
+        {"ldr w1, literal", Words({Literal(kLdrW, 1, c, kData), kAddW0W1, kRet}), plus(1000)},
+        {"ldr x1, literal", Words({Literal(kLdrX, 1, c, kData + 8), kAddW0W1, kRet}), plus(2000)},
+        {"ldrsw x1, literal", Words({Literal(kLdrsw, 1, c, kData + 4), kAddX0X1, kRet}), plus(-5)},
+        {"ldr s0, literal", Words({Literal(kLdrS, 0, c, kData + 16), kFcvtzsW1S0, kAddW0W1, kRet}),
+         plus(2)},
+        {"ldr d0, literal", Words({Literal(kLdrD, 0, c, kData + 24), kFcvtzsW1D0, kAddW0W1, kRet}),
+         plus(4)},
+        {"ldr q0, literal", Words({Literal(kLdrQ, 0, c, kData + 32), kFcvtzsW1D0, kAddW0W1, kRet}),
+         plus(6)},
+        {"prfm literal (dropped)", Words({Literal(kPrfm, 0, c, kData), AddW0(7), kRet}), plus(7)},
+    };
+}
+
+std::vector<Refused> RefusedSequences() {
+    const int kRewrite = SHADOWHOOK_ERRNO_HOOK_REWRITE_FAILED;
+    return {
+        {"brk #0 at the entry (a breakpoint)", Words({0xd4200000, kRet}), kRewrite},
+        {"hlt at the entry", Words({0xd4400000, kRet}), kRewrite},
+        {"udf at the entry", Words({0x00000000, kRet}), kRewrite},
+        {"udf after a landing pad", Words({kBtiC, 0x00000000, kRet}), kRewrite},
+        {"b to itself", Words({B(c, c)}), kRewrite},
+        {"cbz to itself", Words({Cb(kCbz, c, c), kRet}), kRewrite},
+        {"ldr literal of its own first word", Words({Literal(kLdrW, 0, c, c), kRet}), kRewrite},
+        {"branch back to the landing pad", Words({kBtiC, B(c + 4, c), kRet}), kRewrite},
+        {"literal load into xzr", Words({Literal(kLdrX, 31, c, kData), kRet}), kRewrite},
+    };
+}
+
+// Fills a page with the function, the bodies it branches to, a helper and the data.
+void Assemble(CodePage* page, const std::vector<uint8_t>& code) {
+    page->Write(kCode, code);
+    page->Write(kBody, Words({0x0b000400, kRet}));    // add w0, w0, w0, lsl #1
+    page->Write(kOther, Words({0x528009a0, kRet}));   // mov w0, #77
+    page->Write(kHelper, Words({0x52800501, kRet}));  // mov w1, #40
+    struct {
+        int32_t word = 1000;
+        int32_t negative = -5;
+        int64_t doubleword = 2000;
+        float single = 2.5f;
+        float pad = 0;
+        double twice = 4.0;
+        double quad[2] = {6.0, 0.0};
+    } data;
+    page->Write(kData, &data, sizeof(data));
+}
+
+// Calls hand-made code with the flags set by `cmp w0, #10`, as conditional entries expect.
+int Call(uintptr_t function, int x) {
+    register uint64_t x0 asm("x0") = static_cast<uint32_t>(x);
+    register uint64_t x16 asm("x16") = function;
+    __asm__ __volatile__("cmp w0, #10\n\tblr x16"
+                         : "+r"(x0), "+r"(x16)
+                         :
+                         : "x1", "x2", "x3", "x4", "x5", "x6", "x7", "x8", "x9", "x10", "x11",
+                           "x12", "x13", "x14", "x15", "x17", "x30", "v0", "v1", "v2", "v3", "v4",
+                           "v5", "v6", "v7", "v16", "v17", "v18", "v19", "v20", "v21", "v22", "v23",
+                           "v24", "v25", "v26", "v27", "v28", "v29", "v30", "v31", "cc", "memory");
+    return static_cast<int>(x0);
+}
+
+#endif
+
+const int kInputs[] = {-1000, -20, -11, -1, 0, 1, 2, 7, 8, 9, 10, 11, 12, 77, 1000, 123456};
+
+void* g_orig = nullptr;
+int Replacement(int x) {
+    return Call(reinterpret_cast<uintptr_t>(__atomic_load_n(&g_orig, __ATOMIC_ACQUIRE)), x) * 3 + 1;
+}
+
+// A sealed page holding `code` at kCode with the bodies, helper and data it uses.
+std::unique_ptr<CodePage> Page(const std::vector<uint8_t>& code) {
+    auto page = std::make_unique<CodePage>();
+    if (!page->valid()) {
+        ADD_FAILURE() << "mmap failed";
+        return nullptr;
+    }
+    Assemble(page.get(), code);
+    page->Seal();
+    return page;
+}
+
+using PrologueRelocatorTest = inlinehooktest::SharedModeTest;
+
+TEST_F(PrologueRelocatorTest, EachInstructionClassRunsCorrectlyFromTheTrampoline) {
+    for (const HandMade& function : RelocatableFunctions()) {
+        SCOPED_TRACE(function.name);
+        std::unique_ptr<CodePage> page = Page(function.code);
+        ASSERT_NE(nullptr, page);
+        uintptr_t address = page->address(kCode);
+        for (int x : kInputs) {
+            ASSERT_EQ(function.expected(x), Call(address, x)) << "hand assembly is wrong for " << x;
+        }
+        std::vector<uint8_t> before = Bytes(reinterpret_cast<void*>(address), 24);
+
+        void* stub =
+            shadowhook_hook_sym_addr(reinterpret_cast<void*>(address), Code(Replacement), &g_orig);
+        ASSERT_NE(nullptr, stub) << shadowhook_to_errmsg(shadowhook_get_errno());
+        for (int x : kInputs) {
+            if (!function.flags) {
+                EXPECT_EQ(function.expected(x) * 3 + 1, Call(address, x)) << x;
+            }
+            EXPECT_EQ(function.expected(x), Call(reinterpret_cast<uintptr_t>(g_orig), x)) << x;
+        }
+        ASSERT_EQ(0, shadowhook_unhook(stub));
+        EXPECT_EQ(before, Bytes(reinterpret_cast<void*>(address), 24));
+        for (int x : kInputs) {
+            EXPECT_EQ(function.expected(x), Call(address, x)) << x;
+        }
+    }
+}
+
+TEST_F(PrologueRelocatorTest, CodeThatCannotMoveIsRefusedUntouched) {
+    for (const Refused& refused : RefusedSequences()) {
+        SCOPED_TRACE(refused.name);
+        std::unique_ptr<CodePage> page = Page(refused.code);
+        ASSERT_NE(nullptr, page);
+        void* address = reinterpret_cast<void*>(page->address(kCode));
+        std::vector<uint8_t> before = Bytes(address, 16);
+        void* orig = nullptr;
+        EXPECT_EQ(nullptr, shadowhook_hook_sym_addr(address, Code(Replacement), &orig));
+        EXPECT_EQ(refused.error, shadowhook_get_errno());
+        EXPECT_EQ(nullptr, orig);
+        EXPECT_EQ(before, Bytes(address, 16));
+    }
+#if defined(__aarch64__)
+    EXPECT_EQ(nullptr, shadowhook_hook_sym_addr(reinterpret_cast<char*>(Replacement) + 2,
+                                                Code(Replacement), nullptr));
+    EXPECT_EQ(SHADOWHOOK_ERRNO_INVALID_ARG, shadowhook_get_errno()) << "unaligned address";
+#endif
+}
+
+// Maps a page more than 2 GiB away from `near`, where no relative branch reaches.
+std::unique_ptr<CodePage> FarPage(uintptr_t near) {
+    for (uintptr_t distance = 3ULL << 30; distance <= (64ULL << 30); distance += 1ULL << 30) {
+        for (uintptr_t hint : {near + distance, near - distance}) {
+            hint &= ~(kPageSize - 1);
+            auto page =
+                std::make_unique<CodePage>(reinterpret_cast<void*>(hint), MAP_FIXED_NOREPLACE);
+            if (page->valid() && page->address(0) == hint) {
+                return page;
+            }
+        }
+    }
+    return nullptr;
+}
+
+// The trampoline, wherever it lies, runs the displaced instructions and continues in the
+// original function; only operands addressed from the PC that cannot be loaded absolutely are
+// refused.
+TEST(PrologueRelocatorFarTest, BeyondBranchReachTheTrampolineUsesAbsoluteAddresses) {
+    for (const HandMade& function : RelocatableFunctions()) {
+        SCOPED_TRACE(function.name);
+        std::unique_ptr<CodePage> page = Page(function.code);
+        ASSERT_NE(nullptr, page);
+        uintptr_t address = page->address(kCode);
+        std::unique_ptr<CodePage> far = FarPage(address);
+        ASSERT_NE(nullptr, far) << "no free address space 3..64 GiB away";
+
+        CodeBounds bounds;
+        bounds.readableEnd = page->address(kPageSize);
+        PrologueRelocator relocator;
+        ASSERT_TRUE(relocator.Analyze(address, bounds).ok());
+        std::vector<uint8_t> trampoline;
+        HookStatus status = relocator.Emit(far->address(0), &trampoline);
+        if (function.farRefused) {
+            EXPECT_EQ(SHADOWHOOK_ERRNO_HOOK_REWRITE_FAILED, status.number);
+            continue;
+        }
+        ASSERT_TRUE(status.ok()) << status.detail;
+        EXPECT_LE(trampoline.size(), relocator.maxTrampolineSize());
+        far->Write(0, trampoline);
+        far->Seal();
+        for (int x : kInputs) {
+            EXPECT_EQ(function.expected(x), Call(far->address(0), x)) << x;
+        }
+    }
+}
+
+#if defined(__aarch64__)
+// A displaced BL must return into the original function, not into the trampoline, which may be
+// freed while the callee still runs.
+TEST(PrologueRelocatorFarTest, CallsReturnIntoTheOriginalFunction) {
+    std::unique_ptr<CodePage> page = Page(Words({Bl(c, kHelper), kAddW0W1, kRet}));
+    ASSERT_NE(nullptr, page);
+    uintptr_t address = page->address(kCode);
+    for (bool far : {false, true}) {
+        SCOPED_TRACE(far ? "far" : "near");
+        PrologueRelocator relocator;
+        CodeBounds bounds;
+        bounds.readableEnd = page->address(kPageSize);
+        ASSERT_TRUE(relocator.Analyze(address, bounds).ok());
+        uintptr_t base = far ? address + (1ULL << 30) : address + kPageSize;
+        std::vector<uint8_t> code;
+        ASSERT_TRUE(relocator.Emit(base, &code).ok());
+        std::vector<uint32_t> words(code.size() / 4);
+        memcpy(words.data(), code.data(), words.size() * 4);
+        // ldr x30, =function+4, then a jump to the helper: it returns after the displaced call.
+        ASSERT_EQ(0x5800001eu, words[0] & 0xff00001f);
+        size_t literal = ((words[0] >> 5) & 0x7ffff);
+        uint64_t returnAddress;
+        memcpy(&returnAddress, code.data() + literal * 4, 8);
+        EXPECT_EQ(address + 4, returnAddress);
+        if (far) {
+            EXPECT_EQ(0x58000011u, words[1] & 0xff00001f) << "ldr x17, =helper";
+            EXPECT_EQ(0xd61f0220u, words[2]) << "br x17";
+        } else {
+            uint32_t imm26 = static_cast<uint32_t>((page->address(kHelper) - (base + 4)) >> 2);
+            EXPECT_EQ(0x14000000u | (imm26 & 0x3ffffff), words[1]) << "b helper";
+        }
+    }
+}
+#endif
+
+}  // namespace
