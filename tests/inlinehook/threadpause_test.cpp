@@ -15,14 +15,11 @@ namespace {
 
 using corvanetest::ChildSucceeded;
 using corvanetest::RunInChild;
+using inlinehooktest::Code;
+using inlinehooktest::g_unaryOrig;
+using inlinehooktest::PlusThousand;
 using inlinehooktest::Symbol;
-
-using Unary = double (*)(double);
-
-void* g_orig = nullptr;
-double Replacement(double x) {
-    return inlinehooktest::Orig<Unary>(&g_orig)(x) + 1.0;
-}
+using inlinehooktest::Unary;
 
 TEST(ThreadPauseTest, SleepingThreadsAndThreadsBlockingTheSignalDoNotStopAHook) {
     inlinehooktest::InitShared();
@@ -48,9 +45,9 @@ TEST(ThreadPauseTest, SleepingThreadsAndThreadsBlockingTheSignalDoNotStopAHook) 
     // cbrt displaces several instructions, so its entry is written with the others paused.
     void* address = Symbol("libm.so.6", "cbrt");
     Unary function = reinterpret_cast<Unary>(address);
-    void* stub = shadowhook_hook_sym_addr(address, reinterpret_cast<void*>(Replacement), &g_orig);
+    void* stub = shadowhook_hook_sym_addr(address, Code(PlusThousand), &g_unaryOrig);
     ASSERT_NE(nullptr, stub) << shadowhook_to_errmsg(shadowhook_get_errno());
-    EXPECT_EQ(3.0, function(8.0));
+    EXPECT_EQ(1002.0, function(8.0));
     EXPECT_EQ(0, shadowhook_unhook(stub));
     EXPECT_EQ(2.0, function(8.0));
 
@@ -69,10 +66,7 @@ void ApplicationHandler(int) {
 }
 
 TEST(ThreadPauseTest, TheApplicationsOwnSigurgStillReachesItsHandler) {
-    if (shadowhook_get_init_errno() != SHADOWHOOK_ERRNO_UNINIT) {
-        GTEST_SKIP() << "the engine is already initialised in this process; run this case alone "
-                        "(as CTest does)";
-    }
+    SKIP_IF_ENGINE_INITIALISED();
     int status = RunInChild([]() {
         signal(SIGURG, ApplicationHandler);
         CHILD_CHECK(shadowhook_init(SHADOWHOOK_MODE_SHARED, false) == SHADOWHOOK_ERRNO_OK);
@@ -85,8 +79,8 @@ TEST(ThreadPauseTest, TheApplicationsOwnSigurgStillReachesItsHandler) {
                 reinterpret_cast<Unary>(Symbol("libm.so.6", "erf"))(0.5);
             }
         });
-        void* stub = shadowhook_hook_sym_addr(Symbol("libm.so.6", "erf"),
-                                              reinterpret_cast<void*>(Replacement), &g_orig);
+        void* stub =
+            shadowhook_hook_sym_addr(Symbol("libm.so.6", "erf"), Code(PlusThousand), &g_unaryOrig);
         stop = true;
         busy.join();
         CHILD_CHECK(stub != nullptr);
