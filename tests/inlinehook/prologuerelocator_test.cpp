@@ -223,6 +223,7 @@ std::vector<uint8_t> Words(std::initializer_list<uint32_t> words) {
 }
 
 constexpr uint32_t kRet = 0xd65f03c0;
+constexpr uint32_t kBrX15 = 0xd61f01e0;  // the return of a function that called out (see Call)
 constexpr uint32_t kBtiC = 0xd503245f;
 constexpr uint32_t kPaciasp = 0xd503233f;
 constexpr uint32_t kAutiasp = 0xd50323bf;
@@ -272,6 +273,8 @@ std::vector<HandMade> RelocatableFunctions() {
         {"ldr q0, literal", Words({Literal(kLdrQ, 0, c, kData + 32), kFcvtzsW1D0, kAddW0W1, kRet}),
          plus(6)},
         {"prfm literal (dropped)", Words({Literal(kPrfm, 0, c, kData), AddW0(7), kRet}), plus(7)},
+        {"bl to a helper, then back to the caller through x15",
+         Words({Bl(c, kHelper), kAddW0W1, kBrX15}), plus(40)},
     };
 }
 
@@ -308,11 +311,12 @@ void Assemble(CodePage* page, const std::vector<uint8_t>& code) {
     page->Write(kData, &data, sizeof(data));
 }
 
-// Calls hand-made code with the flags set by `cmp w0, #10`, as conditional entries expect.
+// Calls hand-made code with the flags set by `cmp w0, #10`, as conditional entries expect, and
+// the return address also in x15, for code whose BL overwrote x30.
 int Call(uintptr_t function, int x) {
     register uint64_t x0 asm("x0") = static_cast<uint32_t>(x);
     register uint64_t x16 asm("x16") = function;
-    __asm__ __volatile__("cmp w0, #10\n\tblr x16"
+    __asm__ __volatile__("adr x15, 1f\n\tcmp w0, #10\n\tblr x16\n1:"
                          : "+r"(x0), "+r"(x16)
                          :
                          : "x1", "x2", "x3", "x4", "x5", "x6", "x7", "x8", "x9", "x10", "x11",
@@ -343,9 +347,28 @@ std::unique_ptr<CodePage> Page(const std::vector<uint8_t>& code) {
     return page;
 }
 
+// Maps a page more than 2 GiB away from `near`, where no relative branch reaches.
+std::unique_ptr<CodePage> FarPage(uintptr_t near) {
+    for (uintptr_t distance = 3ULL << 30; distance <= (64ULL << 30); distance += 1ULL << 30) {
+        for (uintptr_t hint : {near + distance, near - distance}) {
+            hint &= ~(kPageSize - 1);
+            auto page =
+                std::make_unique<CodePage>(reinterpret_cast<void*>(hint), MAP_FIXED_NOREPLACE);
+            if (page->valid() && page->address(0) == hint) {
+                return page;
+            }
+        }
+    }
+    return nullptr;
+}
+
 using PrologueRelocatorTest = inlinehooktest::SharedModeTest;
 
-TEST_F(PrologueRelocatorTest, EachInstructionClassRunsCorrectlyFromTheTrampoline) {
+// Each function is hooked through the API (called through the hook, through orig, after
+// unhook), then relocated to a trampoline beyond branch reach, which must reach everything
+// through absolute addresses; only operands addressed from the PC that cannot be loaded
+// absolutely are refused there.
+TEST_F(PrologueRelocatorTest, EachInstructionClassRunsFromNearAndFarTrampolines) {
     for (const HandMade& function : RelocatableFunctions()) {
         SCOPED_TRACE(function.name);
         std::unique_ptr<CodePage> page = Page(function.code);
@@ -370,6 +393,26 @@ TEST_F(PrologueRelocatorTest, EachInstructionClassRunsCorrectlyFromTheTrampoline
         for (int x : kInputs) {
             EXPECT_EQ(function.expected(x), Call(address, x)) << x;
         }
+
+        std::unique_ptr<CodePage> far = FarPage(address);
+        ASSERT_NE(nullptr, far) << "no free address space 3..64 GiB away";
+        CodeBounds bounds;
+        bounds.readableEnd = page->address(kPageSize);
+        PrologueRelocator relocator;
+        ASSERT_TRUE(relocator.Analyze(address, bounds).ok());
+        std::vector<uint8_t> trampoline;
+        HookStatus status = relocator.Emit(far->address(0), &trampoline);
+        if (function.farRefused) {
+            EXPECT_EQ(SHADOWHOOK_ERRNO_HOOK_REWRITE_FAILED, status.number);
+            continue;
+        }
+        ASSERT_TRUE(status.ok()) << status.detail;
+        EXPECT_LE(trampoline.size(), relocator.maxTrampolineSize());
+        far->Write(0, trampoline);
+        far->Seal();
+        for (int x : kInputs) {
+            EXPECT_EQ(function.expected(x), Call(far->address(0), x)) << x;
+        }
     }
 }
 
@@ -393,53 +436,6 @@ TEST_F(PrologueRelocatorTest, CodeThatCannotMoveIsRefusedUntouched) {
 #endif
 }
 
-// Maps a page more than 2 GiB away from `near`, where no relative branch reaches.
-std::unique_ptr<CodePage> FarPage(uintptr_t near) {
-    for (uintptr_t distance = 3ULL << 30; distance <= (64ULL << 30); distance += 1ULL << 30) {
-        for (uintptr_t hint : {near + distance, near - distance}) {
-            hint &= ~(kPageSize - 1);
-            auto page =
-                std::make_unique<CodePage>(reinterpret_cast<void*>(hint), MAP_FIXED_NOREPLACE);
-            if (page->valid() && page->address(0) == hint) {
-                return page;
-            }
-        }
-    }
-    return nullptr;
-}
-
-// The trampoline, wherever it lies, runs the displaced instructions and continues in the
-// original function; only operands addressed from the PC that cannot be loaded absolutely are
-// refused.
-TEST(PrologueRelocatorFarTest, BeyondBranchReachTheTrampolineUsesAbsoluteAddresses) {
-    for (const HandMade& function : RelocatableFunctions()) {
-        SCOPED_TRACE(function.name);
-        std::unique_ptr<CodePage> page = Page(function.code);
-        ASSERT_NE(nullptr, page);
-        uintptr_t address = page->address(kCode);
-        std::unique_ptr<CodePage> far = FarPage(address);
-        ASSERT_NE(nullptr, far) << "no free address space 3..64 GiB away";
-
-        CodeBounds bounds;
-        bounds.readableEnd = page->address(kPageSize);
-        PrologueRelocator relocator;
-        ASSERT_TRUE(relocator.Analyze(address, bounds).ok());
-        std::vector<uint8_t> trampoline;
-        HookStatus status = relocator.Emit(far->address(0), &trampoline);
-        if (function.farRefused) {
-            EXPECT_EQ(SHADOWHOOK_ERRNO_HOOK_REWRITE_FAILED, status.number);
-            continue;
-        }
-        ASSERT_TRUE(status.ok()) << status.detail;
-        EXPECT_LE(trampoline.size(), relocator.maxTrampolineSize());
-        far->Write(0, trampoline);
-        far->Seal();
-        for (int x : kInputs) {
-            EXPECT_EQ(function.expected(x), Call(far->address(0), x)) << x;
-        }
-    }
-}
-
 #if defined(__aarch64__)
 // A displaced BL must return into the original function, not into the trampoline, which may be
 // freed while the callee still runs.
@@ -456,21 +452,14 @@ TEST(PrologueRelocatorFarTest, CallsReturnIntoTheOriginalFunction) {
         uintptr_t base = far ? address + (1ULL << 30) : address + kPageSize;
         std::vector<uint8_t> code;
         ASSERT_TRUE(relocator.Emit(base, &code).ok());
-        std::vector<uint32_t> words(code.size() / 4);
-        memcpy(words.data(), code.data(), words.size() * 4);
-        // ldr x30, =function+4, then a jump to the helper: it returns after the displaced call.
-        ASSERT_EQ(0x5800001eu, words[0] & 0xff00001f);
-        size_t literal = ((words[0] >> 5) & 0x7ffff);
+        // ldr x30, =function+4 first: whatever then jumps to the helper, it returns after the
+        // displaced call.
+        uint32_t first;
+        memcpy(&first, code.data(), 4);
+        ASSERT_EQ(0x5800001eu, first & 0xff00001f);
         uint64_t returnAddress;
-        memcpy(&returnAddress, code.data() + literal * 4, 8);
+        memcpy(&returnAddress, code.data() + ((first >> 5) & 0x7ffff) * 4, 8);
         EXPECT_EQ(address + 4, returnAddress);
-        if (far) {
-            EXPECT_EQ(0x58000011u, words[1] & 0xff00001f) << "ldr x17, =helper";
-            EXPECT_EQ(0xd61f0220u, words[2]) << "br x17";
-        } else {
-            uint32_t imm26 = static_cast<uint32_t>((page->address(kHelper) - (base + 4)) >> 2);
-            EXPECT_EQ(0x14000000u | (imm26 & 0x3ffffff), words[1]) << "b helper";
-        }
     }
 }
 #endif
