@@ -1,7 +1,5 @@
-// The protection model without hook groups: the switch properties, the configuration file (good
-// and malformed), callbacks with their records and big-data reports, and the kernel I2C code.
-// The main switch and the log threshold are fixed once per process, so every scenario runs in a
-// child process.
+// The protection model without hook groups. The main switch and the log threshold are fixed once
+// per process, so every scenario runs in a child process.
 #include "core/model/protection/protectionimpl.h"
 
 #include <gtest/gtest.h>
@@ -32,7 +30,6 @@ constexpr const char* kKernelFile = "sys/module/camera/parameters/cam_cci_io_pro
 constexpr const char* kDbFile = "data/vendor/camera/protecion.db";
 constexpr const char* kDirectory = "<directory>";
 
-// Runs a scenario in a child process; the child prints its own failures.
 // An unconfigured model (no hook engine), as the controller makes without "hookswitch".
 std::unique_ptr<ProtectionImpl, void (*)(Protection*)> NewProtection() {
     return {static_cast<ProtectionImpl*>(Protection::Create(nullptr, -1)), Protection::Destroy};
