@@ -27,4 +27,14 @@ inline std::vector<std::map<std::string, std::string>> ReadReports(const std::st
     return reports;
 }
 
+// "name/value/kind ..." of the reports in `path`, in order: readable when an expectation fails.
+inline std::string ReportSummary(const std::string& path) {
+    std::string summary;
+    for (auto& report : ReadReports(path)) {
+        summary += (summary.empty() ? "" : " ") + report["name"] + "/" + report["value"] + "/" +
+                   report["kind"];
+    }
+    return summary;
+}
+
 }  // namespace corvanetest
