@@ -1,22 +1,38 @@
+// The hook tables and the firmware tables, which share one database file.
 #include "core/database/hook/hookdboperations.h"
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <unistd.h>
 
 #include <memory>
 #include <string>
 
+#include "core/database/dboperations.h"
+#include "core/database/hook/hookfwdboperations.h"
 #include "tests/support/testsupport.h"
 
 namespace {
 
+using corvanetest::LogCapture;
 using corvanetest::Sql;
 using corvanetest::TempDir;
 
+// A fresh database of the table class T in a directory of its own.
+template <typename T>
 struct Database {
+    explicit Database(const std::vector<std::string>& tables) : db(T::Create(path, tables)) {}
+    bool Exists() const { return access(path.c_str(), F_OK) == 0; }
+
     TempDir dir;
     std::string path = dir / "hook.db";
-    std::unique_ptr<HookDBOperations> db{HookDBOperations::Create(path, HOOK_DB_TABLE_LIST)};
+    std::unique_ptr<T> db;
+};
+struct HookDatabase : Database<HookDBOperations> {
+    HookDatabase() : Database(HOOK_DB_TABLE_LIST) {}
+};
+struct FwDatabase : Database<HookFwDBOperations> {
+    FwDatabase() : Database(HOOK_FW_DB_TABLE_LIST) {}
 };
 
 HookGroup Group(unsigned long id, std::vector<unsigned long> cases, std::vector<std::string> args,
@@ -30,17 +46,22 @@ HookGroup Group(unsigned long id, std::vector<unsigned long> cases, std::vector<
     return group;
 }
 
-TEST(HookDBOperationsTest, CreatesTheThreeTablesWithTheirExactStatements) {
-    Database d;
-    EXPECT_EQ(Sql(d.path, "select name from sqlite_master where type='table' order by rowid"),
-              "hook_group\nhook_case\nhook\n");
-    EXPECT_EQ(Sql(d.path, "select sql from sqlite_master where name='hook_case'"),
+constexpr const char* kTableNames =
+    "select name from sqlite_master where type='table' order by rowid";
+
+TEST(HookDBOperationsTest, CreatesTheTablesWithTheirExactStatements) {
+    HookDatabase hooks;
+    EXPECT_EQ(Sql(hooks.path, kTableNames), "hook_group\nhook_case\nhook\n");
+    EXPECT_EQ(Sql(hooks.path, "select sql from sqlite_master where name='hook_case'"),
               "CREATE TABLE hook_case( case_id           INTEGER      not null primary key, "
               "case_name         VARCHAR not null, hook_name_list    TEXT         not null)\n");
+    FwDatabase firmware;
+    EXPECT_EQ(Sql(firmware.path, kTableNames),
+              "hook_group\nhook_case\nhook\nhook_firmware\nfault_inject_ack\n");
 }
 
 TEST(HookDBOperationsTest, GroupColumnsAndReadBack) {
-    Database d;
+    HookDatabase d;
     EXPECT_EQ(d.db->AddGroup(Group(1, {3, 7}, {"a", "b"}, true)), 0);
     EXPECT_EQ(d.db->AddGroup(Group(2, {}, {}, false)), 0);
     EXPECT_EQ(Sql(d.path, "select * from hook_group order by group_id"),
@@ -54,7 +75,7 @@ TEST(HookDBOperationsTest, GroupColumnsAndReadBack) {
     EXPECT_TRUE(d.db->QueryHookGroupAvailable(updated));
     // Read back split at ',' with runs collapsed, as the stored text is "x,,y".
     EXPECT_EQ(d.db->QueryHookGroupArguments(updated), (std::vector<std::string>{"x", "y"}));
-    EXPECT_TRUE(d.db->QueryHookGroupArguments(Group(1, {}, {}, false)).size() == 1);
+    EXPECT_EQ(d.db->QueryHookGroupArguments(Group(1, {}, {}, false)).size(), 1u);
 
     updated.args_array_list = {"only"};
     EXPECT_EQ(d.db->ModifyHookGroupArguments(updated), 0);
@@ -74,7 +95,7 @@ TEST(HookDBOperationsTest, GroupColumnsAndReadBack) {
 }
 
 TEST(HookDBOperationsTest, CasesHooksAndTheWholeConfiguration) {
-    Database d;
+    HookDatabase d;
     HookConfigInformation info;
     info.hook_groups.push_back(Group(1, {2}, {}, false));
     info.hook_cases[2] = HookCase{2, "case2", {"h1", "h2"}};
@@ -106,15 +127,17 @@ TEST(HookDBOperationsTest, CasesHooksAndTheWholeConfiguration) {
     EXPECT_EQ(d.db->UpdateHook(unknown), 0);  // an update without a row still succeeds
 }
 
-TEST(HookDBOperationsTest, ASingleQuoteBlocksTheObjectAndRemovesTheFile) {
-    Database d;
+// Values are stored unescaped: a quote fails the statement, which blocks the object and removes
+// the file; a value crafted to append a statement runs nothing.
+TEST(HookDBOperationsTest, AQuoteInAValueBlocksTheObjectAndRemovesTheFile) {
+    HookDatabase d;
     ASSERT_EQ(d.db->AddGroup(Group(1, {1}, {"a"}, true)), 0);
     HookGroup quoted = Group(2, {}, {}, false);
     quoted.group_name = "it's";
     EXPECT_NE(d.db->AddGroup(quoted), 0);
-    EXPECT_NE(access(d.path.c_str(), F_OK), 0);
-    EXPECT_EQ(d.db->AddGroup(Group(3, {}, {}, false)), 3);
-    EXPECT_EQ(d.db->UpdateHook(Hook()), 3);
+    EXPECT_FALSE(d.Exists());
+    EXPECT_EQ(d.db->AddGroup(Group(3, {}, {}, false)), DB_BLOCKED);
+    EXPECT_EQ(d.db->UpdateHook(Hook()), DB_BLOCKED);
     EXPECT_FALSE(d.db->QueryHookGroupAvailable(Group(1, {}, {}, false)));
     EXPECT_TRUE(d.db->QueryHookGroupArguments(Group(1, {}, {}, false)).empty());
     EXPECT_EQ(d.db->AddHookConfigInformation(HookConfigInformation()), 0);
@@ -123,6 +146,80 @@ TEST(HookDBOperationsTest, ASingleQuoteBlocksTheObjectAndRemovesTheFile) {
     std::unique_ptr<HookDBOperations> again(HookDBOperations::Create(d.path, HOOK_DB_TABLE_LIST));
     EXPECT_EQ(again->AddGroup(Group(4, {}, {}, true)), 0);
     EXPECT_EQ(Sql(d.path, "select group_id from hook_group"), "4\n");
+
+    // The firmware parameter arrives from a debug command as typed.
+    FwDatabase firmware;
+    std::string witness = firmware.dir / "witness.db";
+    ASSERT_EQ(link(firmware.path.c_str(), witness.c_str()), 0);
+    LogCapture log;
+    EXPECT_EQ(firmware.db->AddHookPrepare(HookFw{0, 1, 2, 3, "x'); drop table hook_group; --"}),
+              SQLITE_ERROR);
+    EXPECT_TRUE(log.Contains("SQLExecute failed")) << log.Dump();
+    EXPECT_FALSE(firmware.Exists());
+    // Counting the rows of a dropped table would be an error.
+    EXPECT_EQ(Sql(witness, "select count(*) from hook_group; select count(*) from hook_firmware;"),
+              "0\n0\n");
+}
+
+TEST(HookFwDBOperationsTest, PendingCommandsAreKeptPerIdentifierTriple) {
+    FwDatabase d;
+    EXPECT_EQ(d.db->AddHookPrepare(HookFw{0, 1, 2, 3, "first"}), 0);
+    EXPECT_EQ(d.db->AddHookPrepare(HookFw{0, 1, 2, 3, "second"}), 0);
+    EXPECT_EQ(d.db->AddHookPrepare(HookFw{0, 0, 255, 7, ""}), 0);
+    EXPECT_EQ(Sql(d.path, "select * from hook_firmware order by cam_module_id"),
+              "0|255|7|\n1|2|3|second\n");
+
+    DBTable table;
+    int nRow = -1, nCol = -1;
+    EXPECT_EQ(d.db->GetHookItemPrepare(HookFw{0, 1, 2, 3, "first"}, table, nRow, nCol), 0);
+    EXPECT_EQ(nRow, 0);
+    EXPECT_EQ(d.db->GetHookItemPrepare(HookFw{0, 1, 2, 3, "second"}, table, nRow, nCol), 0);
+    EXPECT_EQ(nRow, 1);
+    EXPECT_EQ(table[1], (std::vector<std::string>{"1", "2", "3", "second"}));
+
+    std::vector<HookFw> all = d.db->GetHookAllItemToTable();
+    ASSERT_EQ(all.size(), 2u);
+    EXPECT_EQ(all[0].cmd_id, 0);
+    EXPECT_EQ(all[0].param, "second");
+    EXPECT_EQ(all[1].subdev_id, 255);
+    EXPECT_EQ(all[1].param, "<empty>");  // an empty param comes back marked
+
+    EXPECT_EQ(d.db->DeleteHookPrepare(HookFw{0, 1, 2, 3, "whatever"}), 0);
+    EXPECT_EQ(d.db->GetHookAllItemToTable().size(), 1u);
+}
+
+TEST(HookFwDBOperationsTest, AcknowledgementsStoreTheStatusAsHexTextAndClearEmptiesBothTables) {
+    FwDatabase d;
+    EXPECT_EQ(d.db->AddFaultInjectAck("hook", 1, 2, 3, 10), 0);
+    EXPECT_EQ(d.db->AddFaultInjectAck("hook", 4, 2, 3, 255), 0);
+    EXPECT_EQ(d.db->AddFaultInjectAck("hook", 1, 2, 3, 0x10), 0);  // replaces per key
+    EXPECT_EQ(Sql(d.path, "select * from fault_inject_ack order by cam_module_id"),
+              "hook|1|2|3|0x10\nhook|4|2|3|0xFF\n");
+
+    DBTable table;
+    const struct {
+        const char* hook;
+        int camera;   // negative: any camera module
+        size_t rows;  // the header row included
+    } lookups[] = {{"hook", 1, 2}, {"hook", -1, 3}, {"other", -1, 1}};
+    for (const auto& l : lookups) {
+        EXPECT_EQ(d.db->GetFaultInjectAckItem(l.hook, l.camera, 2, 3, table), 0);
+        EXPECT_EQ(table.size(), l.rows) << l.hook << " " << l.camera;
+    }
+
+    EXPECT_EQ(d.db->DeleteFaultInjectAck("hook", 4, 2, 3), 0);
+    EXPECT_EQ(Sql(d.path, "select count(*) from fault_inject_ack"), "1\n");
+    // A null status is never matched by the delete's LIKE '%'.
+    Sql(d.path, "insert into fault_inject_ack values('nul', 1, 2, 3, NULL)");
+    EXPECT_EQ(d.db->DeleteFaultInjectAck("nul", 1, 2, 3), 0);
+    EXPECT_EQ(Sql(d.path, "select count(*) from fault_inject_ack where hook_name='nul'"), "1\n");
+
+    d.db->AddHookPrepare(HookFw{0, 1, 2, 3, "p"});
+    EXPECT_EQ(d.db->ClearHook(), 0);
+    EXPECT_EQ(
+        Sql(d.path, "select count(*) from hook_firmware; select count(*) from fault_inject_ack"),
+        "0\n0\n");
+    EXPECT_EQ(d.db->ClearHook(), 0);  // on empty tables too
 }
 
 }  // namespace

@@ -90,15 +90,6 @@ class MonitorBusTest : public MonitorTest {
     MonitorBusTest() { m_sysroot.InstallLibrary("com.halvern.messagecenter.so"); }
 };
 
-TEST_F(MonitorTest, FirstSaveWritesOneCompactRecord) {
-    LogCapture capture;
-    Save(P("imx_wide_i", "wide", 1700000000123, true));
-    EXPECT_EQ(m_sysroot.ReadFile(kHistory),
-              R"([{"sensor_name":"imx_wide_i","sensor_type":"wide","probe_time":1700000000123,)"
-              R"("probe_result":"success"}])");
-    EXPECT_TRUE(capture.Contains(kReadFailure));
-}
-
 TEST_F(MonitorTest, FullTypeDropsOnlyItsOldestAndTypesFollowInByteOrder) {
     std::vector<ProbeMessage> file;
     for (int t = 1; t <= 100; ++t) {
@@ -206,18 +197,22 @@ TEST_F(MonitorTest, GetProbeMessageKeepsTheNewestCountOfOneType) {
     }
 }
 
-TEST_F(MonitorTest, FailedWriteKeepsTheOldHistoryWhole) {
-    WriteHistory({P("old", "wide", 1, true)});
+TEST_F(MonitorTest, SavesCompactRecordsAndAFailedWriteKeepsTheOldHistoryWhole) {
+    LogCapture capture;
+    Save(P("imx_wide_i", "wide", 1700000000123, true));
+    EXPECT_EQ(capture.Count(kReadFailure), 1);  // no file yet
+    EXPECT_EQ(m_sysroot.ReadFile(kHistory),
+              R"([{"sensor_name":"imx_wide_i","sensor_type":"wide","probe_time":1700000000123,)"
+              R"("probe_result":"success"}])");
     // The new file is written beside the old one, then renamed over it: block that path.
     const std::string next = m_sysroot / kHistory + "." + std::to_string(getpid()) + ".tmp";
     std::filesystem::create_directory(next);
-    LogCapture capture;
-    Save(P("new", "wide", 2, true));
+    Save(P("new", "wide", 2, false));
     EXPECT_TRUE(capture.Contains("Failed to write file: data/vendor/camera/probe_messages.json"));
-    EXPECT_EQ(History(), "old/wide/1/ok");
+    EXPECT_EQ(History(), "imx_wide_i/wide/1700000000123/ok");
     std::filesystem::remove(next);
-    Save(P("new", "wide", 2, true));
-    EXPECT_EQ(History(), "new/wide/2/ok old/wide/1/ok");
+    Save(P("new", "wide", 2, false));
+    EXPECT_EQ(History(), "imx_wide_i/wide/1700000000123/ok new/wide/2/fail");
     EXPECT_FALSE(std::filesystem::exists(next));
 }
 

@@ -3,6 +3,7 @@
 
 #include <fstream>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -13,24 +14,27 @@ constexpr const char* kBigDataReportFile = "data/vendor/camera/bigdata_reports.l
 inline std::vector<std::map<std::string, std::string>> ReadReports(const std::string& path) {
     std::vector<std::map<std::string, std::string>> reports;
     std::ifstream file(path);
-    std::string line;
-    while (std::getline(file, line)) {
+    for (std::string line; std::getline(file, line);) {
         std::map<std::string, std::string> fields;
-        size_t begin = 0;
-        while (begin <= line.size()) {
-            size_t end = line.find('\t', begin);
-            if (end == std::string::npos) {
-                end = line.size();
-            }
-            std::string field = line.substr(begin, end - begin);
+        std::istringstream in(line);
+        for (std::string field; std::getline(in, field, '\t');) {
             size_t equals = field.find('=');
             fields[field.substr(0, equals)] =
                 equals == std::string::npos ? "" : field.substr(equals + 1);
-            begin = end + 1;
         }
         reports.push_back(fields);
     }
     return reports;
+}
+
+// "name/value/kind ..." of the reports in `path`, in order: readable when an expectation fails.
+inline std::string ReportSummary(const std::string& path) {
+    std::string summary;
+    for (auto& report : ReadReports(path)) {
+        summary += (summary.empty() ? "" : " ") + report["name"] + "/" + report["value"] + "/" +
+                   report["kind"];
+    }
+    return summary;
 }
 
 }  // namespace corvanetest

@@ -1,7 +1,5 @@
-// The protection model without hook groups: the switch properties, the configuration file (good
-// and malformed), callbacks with their records and big-data reports, and the kernel I2C code.
-// The main switch and the log threshold are fixed once per process, so every scenario runs in a
-// child process.
+// The protection model without hook groups. The main switch and the log threshold are fixed once
+// per process, so every scenario runs in a child process.
 #include "core/model/protection/protectionimpl.h"
 
 #include <gtest/gtest.h>
@@ -32,7 +30,6 @@ constexpr const char* kKernelFile = "sys/module/camera/parameters/cam_cci_io_pro
 constexpr const char* kDbFile = "data/vendor/camera/protecion.db";
 constexpr const char* kDirectory = "<directory>";
 
-// Runs a scenario in a child process; the child prints its own failures.
 // An unconfigured model (no hook engine), as the controller makes without "hookswitch".
 std::unique_ptr<ProtectionImpl, void (*)(Protection*)> NewProtection() {
     return {static_cast<ProtectionImpl*>(Protection::Create(nullptr, -1)), Protection::Destroy};
@@ -216,33 +213,23 @@ TEST(ProtectionImplTest, ConfigurationFileGivesTheUsableSchemesOnly) {
 }
 
 TEST(ProtectionImplTest, CallbacksAreReportedByType) {
-    struct Row {
-        std::string type;
-        std::vector<std::string> kinds;  // reports, in order
-    };
-    const Row rows[] = {
-        {"CallbackMessageType::Both", {"p", "e"}},
-        {"CallbackMessageType::Protection", {"p"}},
-        {"CallbackMessageType::Error", {"e"}},
-        {"CallbackMessageType::both", {}},
-        {"", {}},
+    const std::pair<const char*, const char*> rows[] = {
+        {"CallbackMessageType::Both", "SENSORI2C/256/p SENSORI2C/256/e"},
+        {"CallbackMessageType::Protection", "SENSORI2C/256/p"},
+        {"CallbackMessageType::Error", "SENSORI2C/256/e"},
+        {"CallbackMessageType::both", ""},
+        {"", ""},
     };
     TestSysroot sysroot;
     ExpectInChild([&] {
         auto protection = NewProtection();
-        for (const Row& row : rows) {
-            SCOPED_TRACE(row.type);
+        for (const auto& [type, reports] : rows) {
+            SCOPED_TRACE(type);
             std::filesystem::remove(sysroot / kBigDataReportFile);
-            EXPECT_EQ(protection->RecordProtectionFunctionCallback(
-                          {7, -1, 0x0100, "SENSORI2C", row.type}),
-                      0);
-            auto reports = ReadReports(sysroot / kBigDataReportFile);
-            ASSERT_EQ(reports.size(), row.kinds.size());
-            for (size_t i = 0; i < reports.size(); ++i) {
-                EXPECT_EQ(reports[i]["kind"], row.kinds[i]);
-                EXPECT_EQ(reports[i]["name"], "SENSORI2C");
-                EXPECT_EQ(reports[i]["value"], "256");
-            }
+            EXPECT_EQ(
+                protection->RecordProtectionFunctionCallback({7, -1, 0x0100, "SENSORI2C", type}),
+                0);
+            EXPECT_EQ(ReportSummary(sysroot / kBigDataReportFile), reports);
         }
         EXPECT_FALSE(sysroot.Exists(kDbFile));  // no record switch, no database
     });
@@ -280,23 +267,22 @@ TEST(ProtectionImplTest, RecordSwitchRecordsAndTheFirstRecordRemovesTheDatabase)
 TEST(ProtectionImplTest, KernelSchemeIsWrittenToTheCameraModuleThroughTheController) {
     struct Row {
         const char* mainSwitch;
-        const char* first;
-        const char* second;
+        const char* schemeSwitch;
         ProtectionScheme scheme;  // passed to ProtectionConfig
         const char* before;
         const char* after;
     };
     const Row rows[] = {
-        {"1", "1", nullptr, ProtectionScheme::KERNELI2C, "0", "1"},
-        {"1", "0", nullptr, ProtectionScheme::KERNELI2C, "1", "0"},
-        {"0", "1", nullptr, ProtectionScheme::KERNELI2C, "1", "0"},
-        {"1", "1", nullptr, ProtectionScheme::SENSORI2C, "0", "0"},  // other schemes: nothing
+        {"1", "1", ProtectionScheme::KERNELI2C, "0", "1"},
+        {"1", "0", ProtectionScheme::KERNELI2C, "1", "0"},
+        {"0", "1", ProtectionScheme::KERNELI2C, "1", "0"},
+        {"1", "1", ProtectionScheme::SENSORI2C, "0", "0"},  // other schemes: nothing
     };
     for (const Row& row : rows) {
         std::string name = GetProtectionSchemeString(row.scheme);
         SCOPED_TRACE(name + " main=" + row.mainSwitch + " before=" + row.before);
         TestSysroot sysroot;
-        SetSwitches(sysroot, name, row.mainSwitch, row.first, row.second);
+        SetSwitches(sysroot, name, row.mainSwitch, row.schemeSwitch, nullptr);
         sysroot.WriteFile(kKernelFile, row.before);
         ExpectInChild([&] {
             CorvaneSystem* system = CorvaneSystemGetInstance();
