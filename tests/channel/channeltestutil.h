@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -53,15 +54,13 @@ class FakeHookOperation : public HookOperationImpl {
   public:
     FakeHookOperation() : HookOperationImpl({}) {}
 
-    struct Ack {
-        std::string hookName, camModuleId, subdevId, interfaceId, status;
-    };
     std::vector<HookRelationship> relations;
     std::set<std::string> readyGroups, executedGroups;
     std::set<std::string> readyAfterInject;  // groups that become ready when injected
     int doHookGroupResult = 0;
-    std::vector<std::pair<std::string, std::pair<unsigned long, unsigned long>>> hookIds;
-    std::vector<Ack> acks;
+    std::map<std::string, std::pair<unsigned long, unsigned long>> hookIds;  // case and hook id
+    std::vector<std::vector<std::string>>
+        acks;  // hook, camera module, subdevice, interface, status
     // What was asked.
     std::vector<std::pair<std::string, std::vector<std::string>>> injected;
     std::vector<HookFw> processed;
@@ -70,14 +69,7 @@ class FakeHookOperation : public HookOperationImpl {
     void AddRelation(const std::string& group, unsigned long caseId, const std::string& caseName,
                      const std::string& hook, const std::string& result = "",
                      bool executed = false) {
-        HookRelationship relation;
-        relation.group_name = group;
-        relation.case_id = caseId;
-        relation.case_name = caseName;
-        relation.hook_name = hook;
-        relation.result = result;
-        relation.executed = executed;
-        relations.push_back(relation);
+        relations.push_back({HOOK_ID_NONE, group, caseId, caseName, hook, result, executed});
     }
 
     std::vector<HookRelationship> GetHookRelationshipList() override { return relations; }
@@ -102,12 +94,8 @@ class FakeHookOperation : public HookOperationImpl {
         return "";
     }
     std::pair<unsigned long, unsigned long> GetCaseAndHookId(const std::string& hook) override {
-        for (const auto& [name, ids] : hookIds) {
-            if (name == hook) {
-                return ids;
-            }
-        }
-        return {HOOK_ID_NONE, HOOK_ID_NONE};
+        auto ids = hookIds.find(hook);
+        return ids == hookIds.end() ? std::make_pair(HOOK_ID_NONE, HOOK_ID_NONE) : ids->second;
     }
     int ProcessCmds(const HookFw& fw) override {
         processed.push_back(fw);
@@ -119,12 +107,10 @@ class FakeHookOperation : public HookOperationImpl {
                               unsigned char interfaceId,
                               std::vector<std::vector<std::string>>& result) override {
         result = {{"hook_name", "cam_module_id", "subdev_id", "interface_id", "status"}};
-        for (const Ack& ack : acks) {
-            if (ack.hookName == hookName && ack.subdevId == std::to_string(subdevId) &&
-                ack.interfaceId == std::to_string(interfaceId) &&
-                (camModuleId < 0 || ack.camModuleId == std::to_string(camModuleId))) {
-                result.push_back(
-                    {ack.hookName, ack.camModuleId, ack.subdevId, ack.interfaceId, ack.status});
+        for (const std::vector<std::string>& ack : acks) {
+            if (ack[0] == hookName && (camModuleId < 0 || ack[1] == std::to_string(camModuleId)) &&
+                ack[2] == std::to_string(subdevId) && ack[3] == std::to_string(interfaceId)) {
+                result.push_back(ack);
             }
         }
         if (result.size() == 1) {
