@@ -49,15 +49,15 @@ TEST(ChannelLoad, EveryRequestIsAnsweredAndNothingAccumulates) {
     const VXCDBMessageString request = Frame(Request("corvane", {{"inject", {"clear"}}}));
 
     auto settled = [](int threads, int fds) -> ::testing::AssertionResult {
-        if (corvanetest::WaitFor([&] {
-                return CountEntries("/proc/self/task") == threads &&
-                       CountEntries("/proc/self/fd") == fds;
-            })) {
+        auto counts = [] {
+            return std::make_pair(CountEntries("/proc/self/task"), CountEntries("/proc/self/fd"));
+        };
+        if (corvanetest::WaitFor([&] { return counts() == std::make_pair(threads, fds); })) {
             return ::testing::AssertionSuccess();
         }
         return ::testing::AssertionFailure()
-               << "threads " << CountEntries("/proc/self/task") << " of " << threads
-               << ", descriptors " << CountEntries("/proc/self/fd") << " of " << fds;
+               << "threads " << counts().first << " of " << threads << ", descriptors "
+               << counts().second << " of " << fds;
     };
     // At rest the server holds its accepting thread and its listening socket, nothing else; the
     // connections made above end by themselves.
