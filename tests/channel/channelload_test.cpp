@@ -1,8 +1,7 @@
 // Many requests, sequential and concurrent: every one is answered, and the server gives back
 // every thread and descriptor it used. Counts only; timings are in bench/channel_bench.
-#include <dirent.h>
-
 #include <atomic>
+#include <filesystem>
 #include <thread>
 
 #include "core/server/server.h"
@@ -18,15 +17,8 @@ constexpr int kRequestsPerClient = 1000;
 
 // Entries of a /proc directory (threads of /proc/self/task, descriptors of /proc/self/fd).
 int CountEntries(const char* directory) {
-    int count = 0;
-    DIR* dir = opendir(directory);
-    if (dir == nullptr) {
-        return -1;
-    }
-    while (dirent* entry = readdir(dir)) {
-        count += entry->d_name[0] != '.';
-    }
-    closedir(dir);
+    auto entries = std::filesystem::directory_iterator(directory);
+    int count = static_cast<int>(std::distance(begin(entries), end(entries)));
     return count - (strcmp(directory, "/proc/self/fd") == 0);  // the listing's own descriptor
 }
 
@@ -57,15 +49,15 @@ TEST(ChannelLoad, EveryRequestIsAnsweredAndNothingAccumulates) {
     const VXCDBMessageString request = Frame(Request("corvane", {{"inject", {"clear"}}}));
 
     auto settled = [](int threads, int fds) -> ::testing::AssertionResult {
-        if (corvanetest::WaitFor([&] {
-                return CountEntries("/proc/self/task") == threads &&
-                       CountEntries("/proc/self/fd") == fds;
-            })) {
+        auto counts = [] {
+            return std::make_pair(CountEntries("/proc/self/task"), CountEntries("/proc/self/fd"));
+        };
+        if (corvanetest::WaitFor([&] { return counts() == std::make_pair(threads, fds); })) {
             return ::testing::AssertionSuccess();
         }
         return ::testing::AssertionFailure()
-               << "threads " << CountEntries("/proc/self/task") << " of " << threads
-               << ", descriptors " << CountEntries("/proc/self/fd") << " of " << fds;
+               << "threads " << counts().first << " of " << threads << ", descriptors "
+               << counts().second << " of " << fds;
     };
     // At rest the server holds its accepting thread and its listening socket, nothing else; the
     // connections made above end by themselves.

@@ -1,8 +1,8 @@
-// Shared pieces of the debug channel's tests: building and reading frames, a controller with an
-// optional stand-in hook engine, and real client sockets with deadlines.
+// Shared pieces of the debug channel's tests: frames, a controller with an optional stand-in hook
+// engine, and real client sockets with deadlines.
 #pragma once
 
-#include <poll.h>
+#include <errno.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -11,17 +11,18 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
+#include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "core/controller/corvanesystemimpl.h"
 #include "core/controller/vxcdbprotocol.h"
+#include "core/model/hook/hookoperationimpl.h"
 #include "core/server/server.h"
-#include "tests/channel/fakehookoperation.h"
 #include "tests/support/testsupport.h"
 
 // Reaches into the controller to put a stand-in hook engine in place (declared a friend there).
@@ -46,11 +47,84 @@ inline const std::string kExpectedHelp =
     "6. vxcdb corvane --help                          查询使用指南\n";
 // clang-format on
 
+// A stand-in hook engine: an in-memory model of what the commands read (relationships, group
+// state, firmware acknowledgements) that records what they asked of it. Every other operation is
+// the real engine's, with no hook cases and no database.
+class FakeHookOperation : public HookOperationImpl {
+  public:
+    FakeHookOperation() : HookOperationImpl({}) {}
+
+    std::vector<HookRelationship> relations;
+    std::set<std::string> readyGroups, executedGroups;
+    std::set<std::string> readyAfterInject;  // groups that become ready when injected
+    int doHookGroupResult = 0;
+    std::map<std::string, std::pair<unsigned long, unsigned long>> hookIds;  // case and hook id
+    std::vector<std::vector<std::string>>
+        acks;  // hook, camera module, subdevice, interface, status
+    // What was asked.
+    std::vector<std::pair<std::string, std::vector<std::string>>> injected;
+    std::vector<HookFw> processed;
+    int unhookAllCalls = 0;
+
+    void AddRelation(const std::string& group, unsigned long caseId, const std::string& caseName,
+                     const std::string& hook, const std::string& result = "",
+                     bool executed = false) {
+        relations.push_back({HOOK_ID_NONE, group, caseId, caseName, hook, result, executed});
+    }
+
+    std::vector<HookRelationship> GetHookRelationshipList() override { return relations; }
+    bool IsHookGroupReady(const std::string& name) override { return readyGroups.count(name) > 0; }
+    bool IsHookGroupExecuted(const std::string& name) override {
+        return executedGroups.count(name) > 0;
+    }
+    int DoHookGroup(const std::string& name, const std::vector<std::string>& args) override {
+        injected.push_back({name, args});
+        if (doHookGroupResult == 0 && readyAfterInject.count(name) > 0) {
+            readyGroups.insert(name);
+        }
+        return doHookGroupResult;
+    }
+    void UnhookAllCase() override { ++unhookAllCalls; }
+    std::string GetHookName(unsigned long caseId, unsigned long hookId) override {
+        for (const auto& [hook, ids] : hookIds) {
+            if (ids == std::make_pair(caseId, hookId)) {
+                return hook;
+            }
+        }
+        return "";
+    }
+    std::pair<unsigned long, unsigned long> GetCaseAndHookId(const std::string& hook) override {
+        auto ids = hookIds.find(hook);
+        return ids == hookIds.end() ? std::make_pair(HOOK_ID_NONE, HOOK_ID_NONE) : ids->second;
+    }
+    int ProcessCmds(const HookFw& fw) override {
+        processed.push_back(fw);
+        return 0;
+    }
+    // As the database answers: the header row, then the matches (a negative camera module
+    // matches all); one empty row for none.
+    int GetFaultInjectAckItem(const std::string& hookName, int camModuleId, unsigned char subdevId,
+                              unsigned char interfaceId,
+                              std::vector<std::vector<std::string>>& result) override {
+        result = {{"hook_name", "cam_module_id", "subdev_id", "interface_id", "status"}};
+        for (const std::vector<std::string>& ack : acks) {
+            if (ack[0] == hookName && (camModuleId < 0 || ack[1] == std::to_string(camModuleId)) &&
+                ack[2] == std::to_string(subdevId) && ack[3] == std::to_string(interfaceId)) {
+                result.push_back(ack);
+            }
+        }
+        if (result.size() == 1) {
+            result = {{}};
+        }
+        return 0;
+    }
+};
+
 using Command = std::pair<std::string, std::vector<std::string>>;
 using Entries = std::vector<Command>;
 
 inline VXCDBMessage Request(
-    const std::string& module, const std::vector<Command>& commands,
+    const std::string& module, const Entries& commands,
     std::optional<VXCDBMessage::CDBModuleType> type = VXCDBMessage::CORVANE) {
     VXCDBMessage message;
     message.set_modulename(module);
@@ -107,14 +181,11 @@ class Controller {
     }
     CorvaneSystemImpl* get() const { return m_system; }
 
-    // Runs one request frame through ExecuteCommand; the reply and the result code.
-    VXCDBMessage Execute(const VXCDBMessageString& request, int* result = nullptr) {
+    // Runs one request frame through ExecuteCommand.
+    VXCDBMessage Execute(VXCDBMessageString request) {
         VXCDBMessageString response;
         memset(&response, 0x5A, sizeof(response));  // garbage: the reply must be zeroed first
-        int code = m_system->ExecuteCommand(const_cast<VXCDBMessageString*>(&request), &response);
-        if (result != nullptr) {
-            *result = code;
-        }
+        EXPECT_EQ(m_system->ExecuteCommand(&request, &response), 0);
         VXCDBMessage reply;
         EXPECT_TRUE(DecodeVXCDBMessage(response, &reply));
         EXPECT_TRUE(std::all_of(response.payload + response.payloadLen,
@@ -123,7 +194,7 @@ class Controller {
             << "unused payload bytes of a reply are zero";
         return reply;
     }
-    Entries Run(const std::vector<Command>& commands, const std::string& module = "corvane") {
+    Entries Run(const Entries& commands, const std::string& module = "corvane") {
         return EntriesOf(Execute(Frame(Request(module, commands))));
     }
 
@@ -138,56 +209,42 @@ inline ServerPtr StartServer(const std::string& path, CorvaneSystem* system) {
     return ServerPtr(Server::Create({10, system, path}), &Server::Destroy);
 }
 
-// A connected client socket, closed when it goes away.
+inline sockaddr_un Address(const std::string& path) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    return address;
+}
+
+// A connected client socket whose reads give up after ten seconds, closed when it goes away.
 class ClientSocket {
   public:
     explicit ClientSocket(const std::string& path) : m_fd(socket(AF_UNIX, SOCK_STREAM, 0)) {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+        sockaddr_un address = Address(path);
         m_connected = connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+        timeval deadline = {10, 0};
+        setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof(deadline));
     }
-    ~ClientSocket() { Close(); }
+    ~ClientSocket() { close(m_fd); }
     ClientSocket(const ClientSocket&) = delete;
     ClientSocket& operator=(const ClientSocket&) = delete;
     bool connected() const { return m_connected; }
-    int fd() const { return m_fd; }
-    void Close() {
-        if (m_fd >= 0) {
-            close(m_fd);
-            m_fd = -1;
-        }
-    }
     bool Send(const VXCDBMessageString& frame) {
         return send(m_fd, &frame, sizeof(frame), MSG_NOSIGNAL) ==
                static_cast<ssize_t>(sizeof(frame));
     }
     enum class Received { kFrame, kClosed, kTimeout };
     // Reads one whole frame, or reports the end of the connection or the deadline.
-    Received Receive(VXCDBMessageString* frame,
-                     std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
-        auto deadline = std::chrono::steady_clock::now() + timeout;
-        char* in = reinterpret_cast<char*>(frame);
-        size_t received = 0;
-        while (received < sizeof(*frame)) {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
-            pollfd waiting = {m_fd, POLLIN, 0};
-            if (poll(&waiting, 1, std::max<int>(0, static_cast<int>(left.count()))) <= 0) {
-                return Received::kTimeout;
-            }
-            ssize_t n = recv(m_fd, in + received, sizeof(*frame) - received, 0);
-            if (n <= 0) {
-                return Received::kClosed;
-            }
-            received += static_cast<size_t>(n);
-        }
-        return Received::kFrame;
+    Received Receive(VXCDBMessageString* frame) {
+        ssize_t n = recv(m_fd, frame, sizeof(*frame), MSG_WAITALL);
+        return n == static_cast<ssize_t>(sizeof(*frame)) ? Received::kFrame
+               : n < 0 && errno == EAGAIN                ? Received::kTimeout
+                                                         : Received::kClosed;
     }
     // True when nothing is waiting to be read right now.
     bool NothingPending() {
-        pollfd waiting = {m_fd, POLLIN, 0};
-        return poll(&waiting, 1, 0) == 0;
+        char byte;
+        return recv(m_fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && errno == EAGAIN;
     }
 
   private:

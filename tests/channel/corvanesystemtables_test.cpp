@@ -8,13 +8,13 @@ using namespace channeltest;
 
 class EngineCommands : public ::testing::Test {
   protected:
-    corvanetest::TestSysroot m_sysroot;
-    FakeHookOperation m_engine;
-    Controller m_controller{&m_engine};
-
     Entries Inject(const std::vector<std::string>& arguments) {
         return m_controller.Run({{"inject", arguments}});
     }
+
+    corvanetest::TestSysroot m_sysroot;
+    FakeHookOperation m_engine;
+    Controller m_controller{&m_engine};
 };
 
 TEST_F(EngineCommands, QueryAndResultListEveryRelationshipInEngineOrder) {
@@ -31,7 +31,6 @@ TEST_F(EngineCommands, QueryAndResultListEveryRelationshipInEngineOrder) {
                            {"g1,caseA,hook_open,<Successfully hooked>,<executed>",
                             "g2,caseA,hook_open,<Successfully hooked>,<executed>",
                             "g2,caseB,hook_read,<unhook>,<not executed>"}));
-
     m_engine.relations.clear();
     EXPECT_EQ(Inject({"query"}), TableEntries("group name,hook case,hook name", {}));
 }
@@ -39,13 +38,13 @@ TEST_F(EngineCommands, QueryAndResultListEveryRelationshipInEngineOrder) {
 TEST_F(EngineCommands, GroupResultShowsReadinessAndExecution) {
     m_engine.readyGroups = {"ready", "both"};
     m_engine.executedGroups = {"both"};
-    EXPECT_EQ(
-        Inject({"result", "ready", "ignored"}),
-        TableEntries("group name,result,executed", {"ready,<Successfully hooked>,<not executed>"}));
-    EXPECT_EQ(Inject({"result", "both"}), TableEntries("group name,result,executed",
-                                                       {"both,<Successfully hooked>,<executed>"}));
+    const std::string header = "group name,result,executed";
+    EXPECT_EQ(Inject({"result", "ready", "ignored"}),
+              TableEntries(header, {"ready,<Successfully hooked>,<not executed>"}));
+    EXPECT_EQ(Inject({"result", "both"}),
+              TableEntries(header, {"both,<Successfully hooked>,<executed>"}));
     EXPECT_EQ(Inject({"result", "missing"}),
-              TableEntries("group name,result,executed", {"missing,<unhook>,<not executed>"}));
+              TableEntries(header, {"missing,<unhook>,<not executed>"}));
 }
 
 TEST_F(EngineCommands, ClearRemovesEveryInjectionFirst) {
@@ -60,13 +59,11 @@ TEST_F(EngineCommands, HookGroupIsInjectedThenJudged) {
                                  {"sensor_group,<Successfully hooked>,<not executed>"});
     expected.insert(expected.end(), table.begin(), table.end());
     EXPECT_EQ(Inject({"sensor_group", "a1", "a2"}), expected);
-    ASSERT_EQ(m_engine.injected.size(), 1u);
-    EXPECT_EQ(m_engine.injected[0].first, "sensor_group");
-    EXPECT_EQ(m_engine.injected[0].second, (std::vector<std::string>{"a1", "a2"}));
+    using Injection = std::pair<std::string, std::vector<std::string>>;
+    EXPECT_EQ(m_engine.injected, (std::vector<Injection>{{"sensor_group", {"a1", "a2"}}}));
 
     // A name the engine does not know is injected (a no-op there) and stays not ready.
     EXPECT_EQ(Inject({"no_such_group"}), ErrorEntries("Hook group not ready: no_such_group"));
-
     m_engine.doHookGroupResult = 7;
     EXPECT_EQ(Inject({"sensor_group"}), ErrorEntries("Hook failed with code: 7"));
     m_engine.doHookGroupResult = -2;
@@ -74,29 +71,27 @@ TEST_F(EngineCommands, HookGroupIsInjectedThenJudged) {
 }
 
 TEST_F(EngineCommands, StatusOfOneAddress) {
-    m_engine.hookIds["i2c_read"] = {2, 3};
+    m_engine.hookIds = {{"i2c_read", {2, 3}}};
     m_engine.acks = {{"i2c_read", "0", "2", "3", "0x10"},
                      {"i2c_read", "1", "2", "3", ""},
                      {"other", "0", "2", "3", "0x01"}};
     const std::string header = "hook name,camera id,sensor id,interface id,status";
-
-    EXPECT_EQ(Inject({"status", "1", "2", "3"}),
-              TableEntries(header, {"i2c_read,1,2,3,<unkonwn>"}));
-    EXPECT_EQ(m_engine.ackQueries.back(), (FakeHookOperation::AckQuery{"i2c_read", 1, 2, 3}));
-
-    // Two numbers: every camera module.
-    EXPECT_EQ(Inject({"status", "2", "3"}),
-              TableEntries(header, {"i2c_read,0,2,3,0x10", "i2c_read,1,2,3,<unkonwn>"}));
-    EXPECT_EQ(m_engine.ackQueries.back(), (FakeHookOperation::AckQuery{"i2c_read", -1, 2, 3}));
-
-    // Ids are bytes: 258 and 259 address sensor 2, interface 3.
-    EXPECT_EQ(Inject({"status", "0", "258", "259"}), TableEntries(header, {"i2c_read,0,2,3,0x10"}));
-
-    // Nothing found: what was asked, with the unknown cells marked.
-    EXPECT_EQ(Inject({"status", "5", "2", "3"}),
-              TableEntries(header, {"i2c_read,5,2,3,<not find>"}));
-    EXPECT_EQ(Inject({"status", "9", "9"}),
-              TableEntries(header, {"<unkonwn>,<unkonwn>,9,9,<not find>"}));
+    const std::vector<std::pair<std::vector<std::string>, std::vector<std::string>>> cases = {
+        {{"1", "2", "3"}, {"i2c_read,1,2,3,<unkonwn>"}},
+        // Two numbers: every camera module.
+        {{"2", "3"}, {"i2c_read,0,2,3,0x10", "i2c_read,1,2,3,<unkonwn>"}},
+        // Ids are bytes: 258 and 259 address sensor 2, interface 3.
+        {{"0", "258", "259"}, {"i2c_read,0,2,3,0x10"}},
+        // Nothing found: what was asked, with the unknown cells marked.
+        {{"5", "2", "3"}, {"i2c_read,5,2,3,<not find>"}},
+        {{"9", "9"}, {"<unkonwn>,<unkonwn>,9,9,<not find>"}},
+    };
+    for (const auto& [numbers, rows] : cases) {
+        std::vector<std::string> arguments = {"status"};
+        arguments.insert(arguments.end(), numbers.begin(), numbers.end());
+        EXPECT_EQ(Inject(arguments), TableEntries(header, rows))
+            << ::testing::PrintToString(numbers);
+    }
 }
 
 TEST_F(EngineCommands, StatusOfAGroupFollowsItsHooks) {
@@ -104,8 +99,7 @@ TEST_F(EngineCommands, StatusOfAGroupFollowsItsHooks) {
     m_engine.AddRelation("other", 4, "caseD", "spi_write");
     m_engine.AddRelation("g", 3, "caseC", "i2c_write");
     m_engine.AddRelation("g", 5, "caseE", "unnumbered");
-    m_engine.hookIds["i2c_read"] = {2, 1};
-    m_engine.hookIds["i2c_write"] = {3, 7};
+    m_engine.hookIds = {{"i2c_read", {2, 1}}, {"i2c_write", {3, 7}}};
     m_engine.acks = {{"i2c_read", "0", "2", "1", "0x10"}, {"i2c_read", "1", "2", "1", "0x20"}};
     const std::string header = "group name,hook name,camera id,sensor id,interface id,status";
 
@@ -120,17 +114,12 @@ TEST_F(EngineCommands, StatusOfAGroupFollowsItsHooks) {
               TableEntries(header, {"empty,<unkonwn>,<unkonwn>,<unkonwn>,<unkonwn>,<not find>"}));
 }
 
-TEST_F(EngineCommands, FirmwareCommandIsHandedToTheEngine) {
-    EXPECT_EQ(Inject({"firmware", "1", "2", "3", "4", "delay", "100"}),
-              (Entries{{"type", {"string"}}, {"message", {"command executed successfully"}}}));
-    EXPECT_EQ(Inject({"firmware", "0", "255", "0", "9"}),
-              (Entries{{"type", {"string"}}, {"message", {"command executed successfully"}}}));
-    EXPECT_EQ(m_engine.processed,
-              (std::vector<HookFw>{{1, 2, 3, 4, "delay 100"}, {0, 255, 0, 9, ""}}));
-}
+TEST_F(EngineCommands, FirmwareCommandIsHandedToTheEngineOnlyWhenEveryNumberIsInRange) {
+    const Entries executed = {{"type", {"string"}}, {"message", {"command executed successfully"}}};
+    EXPECT_EQ(Inject({"firmware", "1", "2", "3", "4", "delay", "100"}), executed);
+    EXPECT_EQ(Inject({"firmware", "0", "255", "0", "9"}), executed);
 
-TEST_F(EngineCommands, FirmwareNumbersOutOfRangeAreRefusedWithTheField) {
-    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> refused = {
         {{"3", "0", "0", "0"}, "cmd id must be 0 (inject), 1 (remove) or 2 (clear all), got '3'"},
         {{"x", "0", "0", "0"}, "cmd id must be 0 (inject), 1 (remove) or 2 (clear all), got 'x'"},
         {{"0", "256", "0", "0"}, "camera module id must be a number from 0 to 255, got '256'"},
@@ -138,12 +127,13 @@ TEST_F(EngineCommands, FirmwareNumbersOutOfRangeAreRefusedWithTheField) {
         {{"0", "0", "0", "1.5"}, "interface id must be a number from 0 to 255, got '1.5'"},
         {{"0", "0", "0", " 7"}, "interface id must be a number from 0 to 255, got ' 7'"},
     };
-    for (const auto& [numbers, detail] : cases) {
+    for (const auto& [numbers, detail] : refused) {
         std::vector<std::string> arguments = {"firmware"};
         arguments.insert(arguments.end(), numbers.begin(), numbers.end());
         EXPECT_EQ(Inject(arguments), ErrorEntries("Invalid firmware parameters: " + detail));
     }
-    EXPECT_TRUE(m_engine.processed.empty());
+    EXPECT_EQ(m_engine.processed,
+              (std::vector<HookFw>{{1, 2, 3, 4, "delay 100"}, {0, 255, 0, 9, ""}}));
 }
 
 }  // namespace

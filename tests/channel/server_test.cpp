@@ -18,13 +18,18 @@ class SocketServer : public ::testing::Test {
         m_server = StartServer(m_path, system);
         ASSERT_TRUE(WaitConnectable(m_path)) << m_log.Dump();
     }
-
-    VXCDBMessage ReadReply(ClientSocket& client) {
-        VXCDBMessageString frame;
-        EXPECT_EQ(client.Receive(&frame), Received::kFrame);
-        VXCDBMessage reply;
-        EXPECT_TRUE(DecodeVXCDBMessage(frame, &reply));
-        return reply;
+    // Sends `request`; the frames that come back until the server closes the connection.
+    std::vector<VXCDBMessageString> Exchange(const VXCDBMessageString& request) {
+        ClientSocket client(m_path);
+        EXPECT_TRUE(client.Send(request));
+        std::vector<VXCDBMessageString> frames(1);
+        Received received;
+        while ((received = client.Receive(&frames.back())) == Received::kFrame) {
+            frames.emplace_back();
+        }
+        EXPECT_EQ(received, Received::kClosed);
+        frames.pop_back();
+        return frames;
     }
 
     corvanetest::TestSysroot m_sysroot;
@@ -39,41 +44,43 @@ bool SameFrame(const VXCDBMessageString& a, const VXCDBMessageString& b) {
     return memcmp(&a, &b, sizeof(a)) == 0;
 }
 
-TEST_F(SocketServer, StaleSocketFileIsReplaced) {
-    std::ofstream(m_path) << "left over";
-    Serve(m_controller.get());
-    struct stat info = {};
-    ASSERT_EQ(stat(m_path.c_str(), &info), 0);
-    EXPECT_TRUE(S_ISSOCK(info.st_mode));
+Entries Decoded(const VXCDBMessageString& frame) {
+    VXCDBMessage reply;
+    EXPECT_TRUE(DecodeVXCDBMessage(frame, &reply));
+    return EntriesOf(reply);
 }
 
-TEST_F(SocketServer, OnlyTheServicesUserAndGroupMayConnectWhateverTheUmask) {
+// A stale socket file is replaced, and only the service's user and group may connect whatever
+// the umask.
+TEST_F(SocketServer, FreshSocketOpenToTheServiceOnly) {
+    std::ofstream(m_path) << "left over";
     mode_t old = umask(0);
     Serve(m_controller.get());
     umask(old);
     struct stat info = {};
     ASSERT_EQ(stat(m_path.c_str(), &info), 0);
+    EXPECT_TRUE(S_ISSOCK(info.st_mode));
     EXPECT_EQ(info.st_mode & 07777, 0660u);
 }
 
 TEST_F(SocketServer, OneRequestOneReplyThenTheConnectionIsClosed) {
     Serve(m_controller.get());
-    ClientSocket client(m_path);
-    ASSERT_TRUE(client.connected());
-    ASSERT_TRUE(client.Send(Frame(Request("corvane", {{"help", {"x"}}}))));
-    VXCDBMessage reply = ReadReply(client);
-    EXPECT_EQ(EntriesOf(reply), (Entries{{"type", {"string"}}, {"help", {kExpectedHelp}}}));
+    std::vector<VXCDBMessageString> frames = Exchange(Frame(Request("corvane", {{"help", {"x"}}})));
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(Decoded(frames[0]), (Entries{{"type", {"string"}}, {"help", {kExpectedHelp}}}));
 
-    // A second request on the same connection gets nothing: the server has closed it.
-    client.Send(Frame(Request("corvane", {{"help", {"x"}}})));
-    VXCDBMessageString frame;
-    EXPECT_EQ(client.Receive(&frame), Received::kClosed);
+    // The debug module answers with the reply, then its own request frame.
+    VXCDBMessageString debug =
+        Frame(Request("debug", {{"dumpimagesensormoduledata", {}}}, VXCDBMessage::DEBUG));
+    frames = Exchange(debug);
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_EQ(Decoded(frames[0])[0], (Command{"type", {"string"}}));
+    EXPECT_TRUE(SameFrame(frames[1], debug));
 }
 
 TEST_F(SocketServer, UnreadableFrameGetsNoReplyAndTheConnectionWaitsForAnother) {
     Serve(m_controller.get());
     ClientSocket client(m_path);
-    ASSERT_TRUE(client.connected());
     VXCDBMessageString bad = Frame(Request("corvane", {{"help", {"x"}}}));
     bad.payloadLen = 5000;
     ASSERT_TRUE(client.Send(bad));
@@ -83,33 +90,17 @@ TEST_F(SocketServer, UnreadableFrameGetsNoReplyAndTheConnectionWaitsForAnother) 
     EXPECT_TRUE(client.NothingPending());
 
     ASSERT_TRUE(client.Send(Frame(Request("corvane", {{"inject", {"clear"}}}))));
-    EXPECT_EQ(EntriesOf(ReadReply(client)), TableEntries("result", {"<cleared>"}));
+    VXCDBMessageString frame;
+    ASSERT_EQ(client.Receive(&frame), Received::kFrame);
+    EXPECT_EQ(Decoded(frame), TableEntries("result", {"<cleared>"}));
 }
 
 TEST_F(SocketServer, ClientThatClosesWithoutSendingEndsItsConnection) {
     Serve(m_controller.get());
-    {
-        ClientSocket client(m_path);
-        ASSERT_TRUE(client.connected());
-    }
+    ASSERT_TRUE(ClientSocket(m_path).connected());
     EXPECT_TRUE(corvanetest::WaitFor([&] {
         return m_log.Contains("Failed to receive message from client: ");
     })) << m_log.Dump();
-}
-
-TEST_F(SocketServer, DebugRequestsGetTheReplyThenTheirOwnFrame) {
-    Serve(m_controller.get());
-    ClientSocket client(m_path);
-    VXCDBMessageString request =
-        Frame(Request("debug", {{"dumpimagesensormoduledata", {}}}, VXCDBMessage::DEBUG));
-    ASSERT_TRUE(client.Send(request));
-    VXCDBMessage reply = ReadReply(client);
-    EXPECT_EQ(reply.modulename(), "debug");
-    EXPECT_EQ(EntriesOf(reply)[0], (Command{"type", {"string"}}));
-    VXCDBMessageString echo;
-    ASSERT_EQ(client.Receive(&echo), Received::kFrame);
-    EXPECT_TRUE(SameFrame(echo, request));
-    EXPECT_EQ(client.Receive(&echo), Received::kClosed);
 }
 
 // What the server does not execute comes back unchanged: other module types, and every request
@@ -126,13 +117,10 @@ TEST_F(SocketServer, RequestsItCannotExecuteAreEchoed) {
     };
     for (const auto& c : cases) {
         Serve(c.withController ? m_controller.get() : nullptr);
-        ClientSocket client(m_path);
         VXCDBMessageString request = Frame(Request("camera", {{"help", {"x"}}}, c.type), 3);
-        ASSERT_TRUE(client.Send(request));
-        VXCDBMessageString echo;
-        ASSERT_EQ(client.Receive(&echo), Received::kFrame);
-        EXPECT_TRUE(SameFrame(echo, request));
-        EXPECT_EQ(client.Receive(&echo), Received::kClosed);
+        std::vector<VXCDBMessageString> frames = Exchange(request);
+        ASSERT_EQ(frames.size(), 1u);
+        EXPECT_TRUE(SameFrame(frames[0], request));
         EXPECT_TRUE(m_log.Contains(c.logged)) << m_log.Dump();
         m_server.reset();
     }

@@ -42,121 +42,116 @@ ToolRun RunVxcdb(const std::vector<std::string>& arguments) {
     return run;
 }
 
-// The server starts with the first run, after the test has set up the stand-in engine, and is
-// stopped before the test reads what the engine recorded: its threads are then finished.
+// Runs the tool against a fresh server whose stand-in engine was prepared beforehand; the server
+// has stopped (its threads have finished) when this returns, so the engine's record can be read.
+ToolRun RunServed(FakeHookOperation& engine, std::vector<std::string> arguments) {
+    corvanetest::TempDir dir;
+    const std::string path = dir / "s";
+    Controller controller(&engine);
+    ServerPtr server = StartServer(path, controller.get());
+    EXPECT_TRUE(WaitConnectable(path));
+    arguments.insert(arguments.begin(), {"--socket", path});
+    return RunVxcdb(arguments);
+}
+
 class VxcdbTool : public ::testing::Test {
   protected:
-    ToolRun Run(std::vector<std::string> arguments) {
-        if (!m_server) {
-            m_server = StartServer(m_path, m_controller.get());
-            EXPECT_TRUE(WaitConnectable(m_path));
-        }
-        arguments.insert(arguments.begin(), {"--socket", m_path});
-        return RunVxcdb(arguments);
-    }
-    void StopServer() { m_server.reset(); }
-
     corvanetest::TestSysroot m_sysroot;
-    corvanetest::TempDir m_dir;
-    std::string m_path = m_dir / "s";
     FakeHookOperation m_engine;
-    Controller m_controller{&m_engine};
-    ServerPtr m_server{nullptr, &Server::Destroy};
 };
 
 // What a user sees: the exit code, the standard output and the standard error (or a part of it).
 TEST_F(VxcdbTool, PrintsAnswersAndErrorsWhereUsersLookForThem) {
+    using Injection = std::pair<std::string, std::vector<std::string>>;
     const struct {
+        std::vector<std::vector<std::string>> relations;  // group, case, hook
         std::vector<std::string> arguments;
         int exitCode;
         std::string out, err;
+        std::vector<Injection> injected = {};
     } cases[] = {
-        {{"corvane", "--help"}, 0, kExpectedHelp, ""},
-        {{"corvane", "--inject", "query"},
+        {{}, {"corvane", "--help"}, 0, kExpectedHelp, ""},
+        {{},
+         {"corvane", "--inject", "query"},
          0,
          "group name  hook case  hook name\n"
          "----------  ---------  ---------\n"
          "(no rows)\n",
          ""},
+        // Columns as wide as their widest cell, headers centred.
+        {{{"sensor", "probe_fail", "i2c_read"}, {"eeprom_group", "crc", "eeprom_read_long_name"}},
+         {"corvane", "--inject", "query"},
+         0,
+         " group name   hook case         hook name\n"
+         "------------  ----------  ---------------------\n"
+         "sensor        probe_fail  i2c_read\n"
+         "eeprom_group  crc         eeprom_read_long_name\n",
+         ""},
+        // Several options are one request, answered in order; quoted words stay one argument.
+        {{},
+         {"corvane", "--inject", "g", "arg one", "--inject", "clear"},
+         0,
+         "Hook group executed successfully\n"
+         "group name         result             executed\n"
+         "----------  ---------------------  --------------\n"
+         "g           <Successfully hooked>  <not executed>\n"
+         " result\n"
+         "---------\n"
+         "<cleared>\n",
+         "",
+         {{"g", {"arg one"}}}},
         // Errors go to the error stream, the help text once after them.
-        {{"corvane", "--foo", "x", "--signal", "0", "--inject", "clear"},
+        {{},
+         {"corvane", "--foo", "x", "--signal", "0", "--inject", "clear"},
          1,
          " result\n---------\n<cleared>\n",
          "error: Unknown command: foo\n"
          "error: Signal value is out of valid range (1-64)\n\n" +
              kExpectedHelp},
-        {{"camera", "--help"}, 1, "", "does not handle module 'camera'"},
+        {{}, {"camera", "--help"}, 1, "", "does not handle module 'camera'"},
         // The debug module answers with two frames; the first is the reply.
-        {{"debug", "--dumpimagesensormoduledata"},
+        {{},
+         {"debug", "--dumpimagesensormoduledata"},
          0,
          "image sensor module data dump requested\n",
          ""},
     };
     for (const auto& c : cases) {
-        ToolRun run = Run(c.arguments);
-        EXPECT_EQ(run.exitCode, c.exitCode) << c.arguments[0] << " " << c.arguments[1];
+        SCOPED_TRACE(::testing::PrintToString(c.arguments));
+        FakeHookOperation engine;
+        for (const auto& relation : c.relations) {
+            engine.AddRelation(relation[0], 1, relation[1], relation[2]);
+        }
+        engine.readyAfterInject = {"g"};
+        ToolRun run = RunServed(engine, c.arguments);
+        EXPECT_EQ(run.exitCode, c.exitCode);
         EXPECT_EQ(run.out, c.out);
         EXPECT_NE(run.err.find(c.err), std::string::npos) << run.err;
         EXPECT_EQ(run.err.empty(), c.err.empty()) << run.err;
+        EXPECT_EQ(engine.injected, c.injected);
     }
-}
-
-TEST_F(VxcdbTool, TablesAreAlignedUnderTheirHeader) {
-    m_engine.AddRelation("sensor", 1, "probe_fail", "i2c_read");
-    m_engine.AddRelation("eeprom_group", 2, "crc", "eeprom_read_long_name");
-    ToolRun run = Run({"corvane", "--inject", "query"});
-    EXPECT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_EQ(run.out,
-              " group name   hook case         hook name\n"
-              "------------  ----------  ---------------------\n"
-              "sensor        probe_fail  i2c_read\n"
-              "eeprom_group  crc         eeprom_read_long_name\n");
-}
-
-TEST_F(VxcdbTool, SeveralOptionsAreOneRequestAnsweredInOrder) {
-    m_engine.readyAfterInject = {"g"};
-    ToolRun run = Run({"corvane", "--inject", "g", "arg one", "--inject", "clear"});
-    EXPECT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_EQ(run.out,
-              "Hook group executed successfully\n"
-              "group name         result             executed\n"
-              "----------  ---------------------  --------------\n"
-              "g           <Successfully hooked>  <not executed>\n"
-              " result\n"
-              "---------\n"
-              "<cleared>\n");
-    StopServer();
-    ASSERT_EQ(m_engine.injected.size(), 1u);
-    EXPECT_EQ(m_engine.injected[0].second, (std::vector<std::string>{"arg one"}));
 }
 
 TEST_F(VxcdbTool, JsonIsForScripts) {
     m_engine.AddRelation("g,1", 1, "c", "h");  // a comma in a cell adds a column
-    ToolRun run = Run({"--json", "corvane", "--inject", "query", "--signal", "0"});
+    ToolRun run = RunServed(m_engine, {"--json", "corvane", "--inject", "query", "--signal", "0"});
     EXPECT_EQ(run.exitCode, 1);
-    rapidjson::Document json;
+    rapidjson::Document json, expected;
     ASSERT_FALSE(json.Parse(run.out.c_str()).HasParseError()) << run.out;
-    EXPECT_STREQ(json["module"].GetString(), "corvane");
-    EXPECT_STREQ(json["moduleType"].GetString(), "CORVANE");
-    EXPECT_FALSE(json["ok"].GetBool());
-    const auto& items = json["items"];
-    ASSERT_EQ(items.Size(), 2u);
-    EXPECT_STREQ(items[0]["type"].GetString(), "list");
-    EXPECT_EQ(items[0]["columns"].Size(), 3u);
-    ASSERT_EQ(items[0]["rows"].Size(), 1u);
-    EXPECT_EQ(items[0]["rows"][0].Size(), 4u);
-    EXPECT_STREQ(items[0]["rows"][0][1].GetString(), "1");
-    EXPECT_STREQ(items[1]["type"].GetString(), "string");
-    EXPECT_STREQ(items[1]["key"].GetString(), "error");
-    EXPECT_STREQ(items[1]["values"][0].GetString(), "Signal value is out of valid range (1-64)");
-    EXPECT_EQ(items[1]["values"][1].GetString(), kExpectedHelp);
+    expected.Parse(R"json({"module": "corvane", "moduleType": "CORVANE", "ok": false, "items": [
+        {"type": "list", "columns": ["group name", "hook case", "hook name"],
+         "rows": [["g", "1", "c", "h"]]},
+        {"type": "string", "key": "error",
+         "values": ["Signal value is out of valid range (1-64)", "the help text"]}]})json");
+    expected["items"][1]["values"][1].SetString(kExpectedHelp.c_str(), kExpectedHelp.size());
+    EXPECT_TRUE(json == expected) << run.out;
 }
 
 TEST_F(VxcdbTool, AnswerTooLargeForOneFrameIsNotSilent) {
     for (int i = 0; i < 200; ++i) {
         m_engine.AddRelation("group_" + std::to_string(i), i, "case", "hook");
     }
-    ToolRun run = Run({"corvane", "--inject", "query"});
+    ToolRun run = RunServed(m_engine, {"corvane", "--inject", "query"});
     EXPECT_EQ(run.exitCode, 5);
     EXPECT_NE(run.err.find("empty reply"), std::string::npos) << run.err;
 }
@@ -170,9 +165,7 @@ TEST(VxcdbToolAlone, FailuresHaveTheirOwnExitCodes) {
     // A listener that never answers, as the server does for a request it cannot read.
     std::string path = dir / "silent";
     int listener = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    sockaddr_un address = Address(path);
     ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
     ASSERT_EQ(listen(listener, 4), 0);
     run = RunVxcdb({"--timeout", "0.2", "--socket", path, "corvane", "--help"});
@@ -195,12 +188,8 @@ TEST(VxcdbToolAlone, CommandLineMistakesAreUsageErrors) {
     };
     for (const auto& arguments : mistakes) {
         ToolRun run = RunVxcdb(arguments);
-        std::string shown;
-        for (const std::string& argument : arguments) {
-            shown += argument + " ";
-        }
-        EXPECT_EQ(run.exitCode, 2) << shown;
-        EXPECT_NE(run.err.find("Try 'vxcdb --help'"), std::string::npos) << shown << run.err;
+        EXPECT_EQ(run.exitCode, 2) << ::testing::PrintToString(arguments);
+        EXPECT_NE(run.err.find("Try 'vxcdb --help'"), std::string::npos) << run.err;
     }
     ToolRun usage = RunVxcdb({"--help"});
     EXPECT_EQ(usage.exitCode, 0);

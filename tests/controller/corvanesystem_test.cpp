@@ -17,10 +17,6 @@ using namespace corvanetest;
 
 constexpr const char* kModSwitch = "persist.vendor.camera.cloud.corvanesystem.modswitch";
 
-bool DiedBySignal(int status, int signal) {
-    return WIFSIGNALED(status) && WTERMSIG(status) == signal;
-}
-
 TEST(CorvaneSystemTest, ConcurrentFirstCallsShareOneControllerAndOneStartUp) {
     TestSysroot sysroot;
     EXPECT_TRUE(ChildSucceeded(RunInChild([] {
@@ -31,8 +27,7 @@ TEST(CorvaneSystemTest, ConcurrentFirstCallsShareOneControllerAndOneStartUp) {
         std::vector<std::thread> threads;
         for (int i = 0; i < kThreads; ++i) {
             threads.emplace_back([&, i] {
-                ready.fetch_add(1);
-                while (ready.load() < kThreads) {
+                for (ready.fetch_add(1); ready.load() < kThreads;) {
                 }
                 seen[i] = CorvaneSystemGetInstance();
             });
@@ -57,11 +52,11 @@ TEST(CorvaneSystemTest, ReloadRaisesHangupOnlyWithAutoreload) {
         return system->NeedReload() ? 1 : 0;
     })));
     sysroot.SetProperty(kModSwitch, "0x103E8");
-    EXPECT_TRUE(DiedBySignal(RunInChild([] {
-                                 CorvaneSystem::Create()->Reload();
-                                 return 0;
-                             }),
-                             SIGHUP));
+    int status = RunInChild([] {
+        CorvaneSystem::Create()->Reload();
+        return 0;
+    });
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGHUP) << status;
 }
 
 TEST(CorvaneSystemTest, MissingSubModulesGiveNeutralResults) {

@@ -3,10 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <map>
 #include <set>
-#include <sstream>
 
 #include "tests/support/testsupport.h"
 
@@ -26,48 +23,37 @@ constexpr const char* kTxtConfig = "persist.vendor.camera.cloud.corvanesystem.tx
 constexpr const char* kTxtPath = "odm/etc/camera/corvane_mode_config.txt";
 constexpr const char* kReader = "com.halvern.corvanesystem.config.so";
 
-struct Decision {
-    std::set<std::string> enabled;
-    std::string log;
-};
+using Lines = std::vector<std::string>;
 
-// The switches are decided once per process: each scenario is decided in a fresh child, which
-// runs in the sysroot as the camera service does and reports back through files.
-Decision DecideInChild(TestSysroot& sysroot) {
-    int status = RunInChild([&sysroot] {
+// The switches are decided once per process: each scenario is decided and checked in a fresh
+// child, which runs in the sysroot as the camera service does.
+void ExpectDecision(const TestSysroot& sysroot, const std::set<std::string>& expected,
+                    const Lines& logged = {}, const Lines& notLogged = {}) {
+    ExpectInChild([&] {
         ScopedChdir chdir(sysroot.path());
         LogCapture capture;
-        CorvaneSystemConfig* config = CorvaneSystemConfig::GetInstance();
-        std::ofstream result(sysroot / "enabled.txt");
+        std::set<std::string> enabled;
         for (const char* module : kModules) {
-            if (config->IsSubModuleIsEnable(module)) {
-                result << module << "\n";
+            if (CorvaneSystemConfig::GetInstance()->IsSubModuleIsEnable(module)) {
+                enabled.insert(module);
             }
         }
-        std::ofstream(sysroot / "log.txt") << capture.Dump();
-        return 0;
+        EXPECT_EQ(enabled, expected);
+        const std::string log = capture.Dump();  // tag and text of every line
+        for (const std::string& line : logged) {
+            EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
+        }
+        for (const std::string& line : notLogged) {
+            EXPECT_EQ(log.find(line), std::string::npos) << line << "\n" << log;
+        }
     });
-    EXPECT_TRUE(ChildSucceeded(status));
-    Decision decision;
-    std::istringstream enabled(sysroot.ReadFile("enabled.txt"));
-    for (std::string line; std::getline(enabled, line);) {
-        decision.enabled.insert(line);
-    }
-    decision.log = sysroot.ReadFile("log.txt");
-    return decision;
-}
-
-bool Logged(const Decision& decision, const std::string& text) {
-    return decision.log.find(text) != std::string::npos;
 }
 
 TEST(CorvaneSystemConfigTest, EverythingOffWithoutPropertiesOrReader) {
     TestSysroot sysroot;
-    Decision decision = DecideInChild(sysroot);
-    EXPECT_TRUE(decision.enabled.empty());
-    EXPECT_TRUE(Logged(decision, std::string("CorvaneConfigManager dlopen(vendor/lib64/") +
-                                     kReader + ") failed: "))
-        << decision.log;
+    ExpectDecision(
+        sysroot, {},
+        {std::string("CorvaneConfigManager dlopen(vendor/lib64/") + kReader + ") failed: "});
 }
 
 TEST(CorvaneSystemConfigTest, BitMaskProperty) {
@@ -88,9 +74,10 @@ TEST(CorvaneSystemConfigTest, BitMaskProperty) {
           "probecount", "probeinject", "probestate", "sensorstate", "vxcdb"}},
     };
     for (const Case& c : cases) {
+        SCOPED_TRACE(c.modswitch);
         TestSysroot sysroot;
         sysroot.SetProperty(kModSwitch, c.modswitch);
-        EXPECT_EQ(DecideInChild(sysroot).enabled, c.expected) << "modswitch " << c.modswitch;
+        ExpectDecision(sysroot, c.expected);
     }
 }
 
@@ -98,10 +85,9 @@ TEST(CorvaneSystemConfigTest, DisablingPropertyWinsAndBothLinesAreLogged) {
     TestSysroot sysroot;
     sysroot.SetProperty(kModSwitch, "3");
     sysroot.SetProperty(kModDisabled, "2");
-    Decision decision = DecideInChild(sysroot);
-    EXPECT_EQ(decision.enabled, std::set<std::string>{"vxcdb"});
-    EXPECT_TRUE(Logged(decision, "CorvaneSystemConfig monitr is enabled by property"));
-    EXPECT_TRUE(Logged(decision, "CorvaneSystemConfig monitr is disabled by property"));
+    ExpectDecision(sysroot, {"vxcdb"},
+                   {"CorvaneSystemConfig monitr is enabled by property",
+                    "CorvaneSystemConfig monitr is disabled by property"});
 }
 
 TEST(CorvaneSystemConfigTest, TextConfigurationAndPerModuleProperties) {
@@ -114,13 +100,10 @@ TEST(CorvaneSystemConfigTest, TextConfigurationAndPerModuleProperties) {
     sysroot.SetProperty("persist.vendor.camera.cloud.corvsysw.OISI2C", "3855");
     sysroot.SetProperty("persist.vendor.camera.cloud.corvsysw.SENSORI2C", "61680");
     sysroot.SetProperty("persist.vendor.camera.cloud.corvsysw.ZOOMI2C", "1");
-    Decision decision = DecideInChild(sysroot);
-    EXPECT_EQ(decision.enabled, (std::set<std::string>{"monitr", "SENSORI2C", "ZOOMI2C"}));
-    EXPECT_TRUE(Logged(decision, "vxcdb is enabled by txt config"));
-    EXPECT_TRUE(Logged(decision, "vxcdb is disabled by property"));
-    EXPECT_TRUE(Logged(decision, "OISI2C is enabled by txt config"));
-    EXPECT_TRUE(Logged(decision, "OISI2C is disabled by property"));
-    EXPECT_TRUE(Logged(decision, "SENSORI2C is enabled by property"));
+    ExpectDecision(sysroot, {"monitr", "SENSORI2C", "ZOOMI2C"},
+                   {"vxcdb is enabled by txt config", "vxcdb is disabled by property",
+                    "OISI2C is enabled by txt config", "OISI2C is disabled by property",
+                    "SENSORI2C is enabled by property"});
 }
 
 TEST(CorvaneSystemConfigTest, TxtConfigZeroSkipsTheReader) {
@@ -128,16 +111,14 @@ TEST(CorvaneSystemConfigTest, TxtConfigZeroSkipsTheReader) {
     sysroot.InstallLibrary(kReader);
     sysroot.WriteFile(kTxtPath, "vxcdb = true\n");
     sysroot.SetProperty(kTxtConfig, "0");
-    Decision decision = DecideInChild(sysroot);
-    EXPECT_TRUE(decision.enabled.empty());
-    EXPECT_FALSE(Logged(decision, "CorvaneConfigManager")) << decision.log;
+    ExpectDecision(sysroot, {}, {}, {"CorvaneConfigManager"});
 }
 
 TEST(CorvaneSystemConfigTest, MissingTextFileLeavesThePropertiesToDecide) {
     TestSysroot sysroot;
     sysroot.InstallLibrary(kReader);
     sysroot.SetProperty(kModSwitch, "1");
-    EXPECT_EQ(DecideInChild(sysroot).enabled, std::set<std::string>{"vxcdb"});
+    ExpectDecision(sysroot, {"vxcdb"});
 }
 
 TEST(CorvaneSystemConfigTest, ReaderLackingOneEntryIsRejected) {
@@ -146,12 +127,10 @@ TEST(CorvaneSystemConfigTest, ReaderLackingOneEntryIsRejected) {
         std::string(CORVANE_BUILD_DIR) + "/testlib/libtest_configreader_incomplete.so",
         sysroot / (std::string("vendor/lib64/") + kReader));
     sysroot.WriteFile(kTxtPath, "vxcdb = true\n");
-    Decision decision = DecideInChild(sysroot);
-    EXPECT_TRUE(decision.enabled.empty());
     // The format text is the tag and the symbol name the message, as the line always read.
-    EXPECT_TRUE(Logged(decision, "Failed to load symbol '%s': %s CorvaneConfig_PrintConfig"))
-        << decision.log;
-    EXPECT_TRUE(Logged(decision, "Library not initialized. Call Initialize() first."));
+    ExpectDecision(sysroot, {},
+                   {"Failed to load symbol '%s': %s CorvaneConfig_PrintConfig",
+                    "Library not initialized. Call Initialize() first."});
 }
 
 }  // namespace

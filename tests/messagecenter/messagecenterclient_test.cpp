@@ -8,13 +8,13 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <thread>
 #include <vector>
 
 #include "tests/messagecenter/messagecentertestutil.h"
-#include "tests/support/testsupport.h"
 
 namespace {
 
@@ -40,17 +40,10 @@ std::vector<std::string> ClientLines(const LogCapture& log) {
 }
 
 int Count(const std::vector<std::string>& lines, const std::string& text) {
-    int count = 0;
-    for (const std::string& line : lines) {
-        count += line == text ? 1 : 0;
-    }
-    return count;
+    return static_cast<int>(std::count(lines.begin(), lines.end(), text));
 }
 
-std::atomic<int> g_echoCalls{0};
-
 void Echo(Message request, Message* reply) {
-    g_echoCalls++;
     if (reply != nullptr) {
         *reply = request;
     }
@@ -68,14 +61,22 @@ bool BusAnswers() {
     return reply.topic == "echo";
 }
 
+// Goes through every entry once; the reply of the send, which nobody answers.
+Message UseEveryEntry() {
+    Client()->Subscribe("a", Echo);
+    Client()->Unsubscribe("a");
+    Message reply("untouched", {});
+    Client()->SendMessage(Message("a", {}), &reply);
+    return reply;
+}
+
 TEST(MessageCenterClientTest, FailedLoadIsRetriedOnlyWhileThePropertyIsFive) {
-    struct Case {
+    const struct {
         const char* property;  // nullptr: unset
         bool retries;
-    };
-    const Case cases[] = {{nullptr, false}, {"0", false},  {"4", false}, {"6", false},
-                          {"5", true},      {"0x5", true}, {"5 ", true}, {"05", true}};
-    for (const Case& c : cases) {
+    } cases[] = {{nullptr, false}, {"0", false},  {"4", false}, {"6", false},
+                 {"5", true},      {"0x5", true}, {"5 ", true}, {"05", true}};
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.property == nullptr ? "unset" : c.property);
         ExpectInChild([&] {
             TestSysroot sysroot;
@@ -83,11 +84,7 @@ TEST(MessageCenterClientTest, FailedLoadIsRetriedOnlyWhileThePropertyIsFive) {
                 sysroot.SetProperty(RETRY_PROPERTY, c.property);
             }
             LogCapture log;
-            Client()->Subscribe("a", Echo);
-            Client()->Unsubscribe("a");
-            Message reply("untouched", {});
-            Client()->SendMessage(Message("a", {}), &reply);
-            EXPECT_EQ(reply.topic, "untouched");
+            EXPECT_EQ(UseEveryEntry().topic, "untouched");
             std::vector<std::string> lines = ClientLines(log);
             EXPECT_EQ(Count(lines, NOT_LOADED), c.retries ? 3 : 1);
             EXPECT_EQ(Count(lines, NO_SUBSCRIBE), 1);
@@ -120,17 +117,12 @@ TEST(MessageCenterClientTest, PropertyIsReadAtEveryUse) {
 TEST(MessageCenterClientTest, LibraryLackingOneEntryIsRejectedSilently) {
     ExpectInChild([] {
         TestSysroot sysroot;
-        std::string installed = sysroot / (std::string(BUS_DEVICE_DIR) + "/" + BUS_FILE);
+        std::string installed = BusLibrary::InstalledBus(sysroot);
         std::filesystem::copy_file(NOASYNC_MESSAGECENTER_LIBRARY, installed);
         LogCapture log;
-        Client()->Subscribe("a", Echo);
-        Client()->Unsubscribe("a");
-        Message reply("untouched", {});
-        Client()->SendMessage(Message("a", {}), &reply);
-
+        EXPECT_EQ(UseEveryEntry().topic, "untouched");
         EXPECT_EQ(ClientLines(log),
                   (std::vector<std::string>{NO_SUBSCRIBE, NO_UNSUBSCRIBE, NO_SEND}));
-        EXPECT_EQ(reply.topic, "untouched");
         EXPECT_EQ(dlopen(installed.c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr);
 
         // The variant really has the other four entries: only the missing one made it fail.
@@ -154,10 +146,9 @@ TEST(MessageCenterClientTest, RoundTripCarriesEveryKindOfValue) {
         Client()->Subscribe("GET_SENSOR_TYPE", Echo);
 
         std::vector<unsigned char> raw = {0, 1, 2, 0xff, 0};
-        Message request("GET_SENSOR_TYPE", {});
-        request.data["probe_result"] = MakeInt32Data(0xfffffff0u);
-        request.data["time"] = MakeInt64Data(0x100000000ull);
-        request.data["sensor_name"] = MessageData(std::string("imx766"));
+        Message request("GET_SENSOR_TYPE", {{"probe_result", MakeInt32Data(0xfffffff0u)},
+                                            {"time", MakeInt64Data(0x100000000ull)},
+                                            {"sensor_name", std::string("imx766")}});
         request.data["raw"].Set(raw.data(), raw.size());
         Message reply;
         Client()->SendMessage(request, &reply);

@@ -16,7 +16,6 @@
 #include "tests/support/testsupport.h"
 
 constexpr const char* BUS_FILE = "com.halvern.messagecenter.so";
-constexpr const char* BUS_DEVICE_DIR = "vendor/lib64";
 
 // The bus library installed in a fresh sysroot and opened directly, its five entries resolved.
 // Every sysroot holds its own copy of the file, so every BusLibrary is a bus of its own.
@@ -24,26 +23,22 @@ class BusLibrary {
   public:
     BusLibrary() {
         m_sysroot.InstallLibrary(BUS_FILE);
-        std::string path = m_sysroot / (std::string(BUS_DEVICE_DIR) + "/" + BUS_FILE);
-        m_handle = dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL);
-        if (m_handle == nullptr) {
-            ADD_FAILURE() << dlerror();
-            return;
-        }
-        subscribe = Resolve<MessageCenterSubscribeFunc>(MESSAGE_CENTER_SUBSCRIBE);
-        modifySubscribe =
-            Resolve<MessageCenterModifySubscribeFunc>(MESSAGE_CENTER_MODIFY_SUBSCRIBE);
-        unsubscribe = Resolve<MessageCenterUnsubscribeFunc>(MESSAGE_CENTER_UNSUBSCRIBE);
-        send = Resolve<MessageCenterSendMessageFunc>(MESSAGE_CENTER_SEND_MESSAGE);
-        sendAsync = Resolve<MessageCenterSendMessageAsyncFunc>(MESSAGE_CENTER_SEND_MESSAGE_ASYNC);
+        m_handle = dlopen(InstalledBus(m_sysroot).c_str(), RTLD_NOW | RTLD_GLOBAL);
+        EXPECT_NE(m_handle, nullptr) << dlerror();
+        Resolve(&subscribe, MESSAGE_CENTER_SUBSCRIBE);
+        Resolve(&modifySubscribe, MESSAGE_CENTER_MODIFY_SUBSCRIBE);
+        Resolve(&unsubscribe, MESSAGE_CENTER_UNSUBSCRIBE);
+        Resolve(&send, MESSAGE_CENTER_SEND_MESSAGE);
+        Resolve(&sendAsync, MESSAGE_CENTER_SEND_MESSAGE_ASYNC);
     }
     ~BusLibrary() {
         if (m_handle != nullptr) {
             dlclose(m_handle);
         }
     }
-    BusLibrary(const BusLibrary&) = delete;
-    BusLibrary& operator=(const BusLibrary&) = delete;
+    static std::string InstalledBus(const corvanetest::TestSysroot& sysroot) {
+        return sysroot / (std::string("vendor/lib64/") + BUS_FILE);
+    }
     bool loaded() const { return sendAsync != nullptr; }
 
     MessageCenterSubscribeFunc subscribe = nullptr;
@@ -54,10 +49,9 @@ class BusLibrary {
 
   private:
     template <typename Func>
-    Func Resolve(const char* name) {
-        Func entry = reinterpret_cast<Func>(dlsym(m_handle, name));
-        EXPECT_NE(entry, nullptr) << name;
-        return entry;
+    void Resolve(Func* entry, const char* name) {
+        *entry = m_handle == nullptr ? nullptr : reinterpret_cast<Func>(dlsym(m_handle, name));
+        EXPECT_NE(*entry, nullptr) << name;
     }
     corvanetest::TestSysroot m_sysroot;
     void* m_handle = nullptr;
