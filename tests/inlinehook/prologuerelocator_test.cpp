@@ -28,7 +28,6 @@ constexpr size_t kPageSize = 4096;
 // data it reads.
 constexpr uint32_t kCode = 0x100;
 constexpr uint32_t kBody = 0x300;
-constexpr uint32_t kOther = 0x340;
 constexpr uint32_t kHelper = 0x400;
 constexpr uint32_t kData = 0x800;
 
@@ -186,6 +185,9 @@ int Call(uintptr_t function, int x) {
 }
 
 #else  // AArch64
+
+// A second body, for branches that must leave the function on either side of a condition.
+constexpr uint32_t kOther = 0x340;
 
 // Encoders for the words the cases need; offsets are page offsets.
 uint32_t Imm(uint32_t from, uint32_t to, unsigned bits) {
