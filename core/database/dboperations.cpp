@@ -70,13 +70,20 @@ int OpenConnection(const std::string& path, Connection& connection, int* checks)
     return result;
 }
 
+// The failure of a request that holds a second statement; `error` gets the text the log shows.
+int RefuseSecondStatement(char** error) {
+    *error = sqlite3_mprintf("%s", kSecondStatementError);
+    return SQLITE_ERROR;
+}
+
 // Every request is built for exactly one statement, but its values are placed into the text
 // unescaped: a value such as "x'); drop table hook_group; --" would close that statement and
 // start another, which sqlite3_exec would run too. Returns SQLITE_OK when `sql` holds at most one
 // statement (blanks, comments and empty statements around it do not count), SQLITE_ERROR when
-// it holds more. Text whose first statement does not compile is left to sqlite3_exec, which
-// then fails on it, with its own message, before running anything.
-int RequireOneStatement(sqlite3* handle, const char* sql) {
+// it holds more, with `error` set to an sqlite3_mprintf'd text. Text whose first statement does
+// not compile is left to sqlite3_exec, which then fails on it, with its own message, before
+// running anything.
+int RequireOneStatement(sqlite3* handle, const char* sql, char** error) {
     int statements = 0;
     const char* rest = sql;
     while (*rest != '\0') {
@@ -89,10 +96,10 @@ int RequireOneStatement(sqlite3* handle, const char* sql) {
         }
         if (result != SQLITE_OK) {
             // A second statement that does not compile is still a second statement.
-            return statements == 0 ? SQLITE_OK : SQLITE_ERROR;
+            return statements == 0 ? SQLITE_OK : RefuseSecondStatement(error);
         }
         if (statements > 1) {
-            return SQLITE_ERROR;
+            return RefuseSecondStatement(error);
         }
         if (tail == nullptr || tail == rest) {
             break;  // nothing consumed: only trailing blanks or comments are left
@@ -160,11 +167,9 @@ int DBOperations::SQLExecute(std::string sql, RowCallback callback, void* contex
             CORVANE_LOGD("SQLExecute: handle: %p sql: %s", static_cast<void*>(connection.get()),
                          sql.c_str());
             char* rawError = nullptr;
-            result = RequireOneStatement(connection.get(), sql.c_str());
+            result = RequireOneStatement(connection.get(), sql.c_str(), &rawError);
             if (result == SQLITE_OK) {
                 result = sqlite3_exec(connection.get(), sql.c_str(), callback, context, &rawError);
-            } else {
-                rawError = sqlite3_mprintf("%s", kSecondStatementError);
             }
             SqliteText errorText(rawError);
             if (result != SQLITE_OK) {
@@ -207,12 +212,10 @@ int DBOperations::SQLGetTable(const std::string& sql, std::vector<std::vector<st
                          sql.c_str());
             char** rawCells = nullptr;
             char* rawError = nullptr;
-            code = RequireOneStatement(connection.get(), sql.c_str());
+            code = RequireOneStatement(connection.get(), sql.c_str(), &rawError);
             if (code == SQLITE_OK) {
                 code = sqlite3_get_table(connection.get(), sql.c_str(), &rawCells, &nRow, &nCol,
                                          &rawError);
-            } else {
-                rawError = sqlite3_mprintf("%s", kSecondStatementError);
             }
             cells.reset(rawCells);
             SqliteText errorText(rawError);
