@@ -9,8 +9,9 @@ namespace vxcdb {
 
 namespace {
 
-// Module names with a module type of their own; any other name is sent without one.
-constexpr const char* kModuleCorvane = "corvane";
+// "debug" is sent with the module type DEBUG; every other name, "corvane" and names the service
+// does not know alike, with CORVANE. The service looks the name up itself and answers an unknown
+// one with "Unknown module", whereas a request without a type would only come back unanswered.
 constexpr const char* kModuleDebug = "debug";
 
 // The library refuses an option without arguments; "help" needs none, so the tool supplies one.
@@ -100,11 +101,7 @@ bool ParseCommandLine(int argc, const char* const* argv, CommandLine* commandLin
     VXCDBMessage& request = commandLine->request;
     const std::string& module = words[i++];
     request.set_modulename(module);
-    if (module == kModuleCorvane) {
-        request.set_moduletype(VXCDBMessage::CORVANE);
-    } else if (module == kModuleDebug) {
-        request.set_moduletype(VXCDBMessage::DEBUG);
-    }
+    request.set_moduletype(module == kModuleDebug ? VXCDBMessage::DEBUG : VXCDBMessage::CORVANE);
 
     VXCDBMessage_CDBCmd* command = nullptr;
     bool argumentsOnly = false;
