@@ -77,6 +77,41 @@ bool ParseWholeDecimal(const std::string& text, long long min, long long max, lo
     return true;
 }
 
+// Group names, group arguments and firmware parameters reach SQL between single quotes and
+// unescaped; a quote among them makes the statement invalid, and the database layer then deletes
+// hook.db with every stored injection. Such a request is refused before anything is installed or
+// stored.
+constexpr char kSqlQuote = '\'';
+constexpr const char* kSubCommandFirmware = "firmware";
+
+// The refusal naming the first of `arguments` (from `first` on) that holds a quote, or empty.
+// `describe` names an argument by its position in `arguments`.
+template <typename Describe>
+std::string QuotedArgumentRefusal(const std::vector<std::string>& arguments, size_t first,
+                                  Describe describe) {
+    for (size_t i = first; i < arguments.size(); ++i) {
+        if (arguments[i].find(kSqlQuote) != std::string::npos) {
+            return "Refused: " + describe(i) +
+                   " holds a single quote, which cannot be stored: " + arguments[i];
+        }
+    }
+    return "";
+}
+
+// `arguments` are those of "inject": a group (or case) name and the group's arguments.
+std::string QuotedHookGroupArgument(const std::vector<std::string>& arguments) {
+    return QuotedArgumentRefusal(arguments, 0, [&](size_t i) {
+        return i == 0 ? std::string("the group or case name")
+                      : "argument " + std::to_string(i) + " of " + arguments[0];
+    });
+}
+
+// `arguments` are those of "inject": "firmware" and its own arguments.
+std::string QuotedFirmwareArgument(const std::vector<std::string>& arguments) {
+    return QuotedArgumentRefusal(arguments, 1,
+                                 [](size_t i) { return "firmware argument " + std::to_string(i); });
+}
+
 }  // namespace
 
 void CorvaneSystemImpl::SetVXCDBMessageType(std::string type, VXCDBMessage& reply) {
@@ -246,6 +281,14 @@ int CorvaneSystemImpl::HandleInjectCommand(std::vector<std::string> arguments,
     };
     std::vector<std::string> rest(arguments.begin() + 1, arguments.end());
     auto subCommand = subCommands.find(arguments[0]);
+    std::string refusal = subCommand == subCommands.end()       ? QuotedHookGroupArgument(arguments)
+                          : arguments[0] == kSubCommandFirmware ? QuotedFirmwareArgument(arguments)
+                                                                : "";
+    if (!refusal.empty()) {
+        CORVANE_LOGE("%s", refusal.c_str());
+        BuildErrorResponse(reply, refusal);
+        return kCommandRejected;
+    }
     if (subCommand == subCommands.end()) {
         // Any other word names a hook group (or case) to inject.
         return HandleHookGroupCommand(arguments[0], rest, reply);

@@ -91,10 +91,13 @@ ExchangeResult Exchange(const std::string& socketPath, const VXCDBMessageString&
             continue;
         }
         if (n <= 0) {
-            return Fail(ExchangeStatus::kClosed,
-                        received == 0 ? "the server closed the connection without a reply"
-                                      : "the server closed the connection in the middle of "
-                                        "the reply");
+            ExchangeResult closed =
+                Fail(ExchangeStatus::kClosed,
+                     received == 0 ? "the server closed the connection without a reply"
+                                   : "the server closed the connection in the middle of "
+                                     "the reply");
+            closed.partialReply = received > 0;
+            return closed;
         }
         received += static_cast<size_t>(n);
     }

@@ -16,7 +16,8 @@ enum class ExchangeStatus {
 
 struct ExchangeResult {
     ExchangeStatus status = ExchangeStatus::kOk;
-    std::string detail;  // what went wrong, for the user
+    std::string detail;         // what went wrong, for the user
+    bool partialReply = false;  // kClosed: part of a reply frame had arrived
 };
 
 // Connects to `socketPath`, sends `request` and reads the first reply frame into `*reply`.
