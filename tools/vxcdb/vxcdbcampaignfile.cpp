@@ -225,7 +225,7 @@ bool ReadStep(const Value& value, const Place& place, CampaignStep* step, std::s
             return false;
         }
     }
-    if (step->isFirmware && !step->args.empty()) {
+    if (step->isFirmware && value.HasMember("args")) {
         return place.Fail("args", "belongs to hook-group steps; a firmware step has \"param\"",
                           error);
     }
