@@ -2,6 +2,7 @@
 
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <fstream>
@@ -569,6 +570,10 @@ int RunCampaignCommand(const CommandLine& commandLine, const std::string& toolPa
     CampaignResult result;
     CampaignStartError startError;
     if (!RunCampaign(campaign, options, progress, &result, &startError)) {
+        if (junit.is_open()) {
+            junit.close();
+            unlink(commandLine.junitFile.c_str());  // an empty report would read as no tests
+        }
         std::cerr << "vxcdb: the camera service does not answer: " << startError.detail
                   << "\nNothing was injected.\n";
         switch (startError.status) {
