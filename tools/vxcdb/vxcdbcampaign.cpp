@@ -317,8 +317,9 @@ class StepRunner {
                 ? "an acknowledgement left from before was removed first"
                 : "the group showed <executed> before its injection: every injection was cleared "
                   "first");
-        const std::vector<std::string> reset =
-            m_step.isFirmware ? InjectWords(m_step, 1) : std::vector<std::string>{"clear"};
+        const std::vector<std::string> reset = m_step.isFirmware
+                                                   ? InjectWords(m_step, kFirmwareRemove)
+                                                   : std::vector<std::string>{"clear"};
         return !Interrupted(m_channel.Ask({reset}, &items, &m_detail), &m_result.installed);
     }
 

@@ -22,8 +22,6 @@ constexpr const char* kInjectOption = "inject";
 constexpr const char* kFirmwareWord = "firmware";
 // Words that "--inject" takes as sub-commands: a group so named could never be injected.
 constexpr const char* kSubCommands[] = {"query", "result", "status", "clear", "firmware", "kernel"};
-constexpr int kFirmwareInject = 0;
-constexpr int kFirmwareRemove = 1;
 constexpr int kMaxFirmwareId = 255;  // ids are bytes on the wire
 
 using Value = rapidjson::Value;

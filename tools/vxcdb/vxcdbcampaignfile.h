@@ -54,9 +54,14 @@ bool LoadCampaignFile(const std::string& path, Campaign* campaign, std::string* 
 bool ParseCampaign(const std::string& text, const std::string& path, Campaign* campaign,
                    std::string* error);
 
+// Command ids of "--inject firmware" that a campaign sends.
+constexpr int kFirmwareInject = 0;
+constexpr int kFirmwareRemove = 1;  // also deletes the acknowledgement at the address
+
 // The arguments of the "--inject" command that injects a step: the group and its arguments, or
 // "firmware" with the command id (0 inject, 1 remove) and the address.
-std::vector<std::string> InjectWords(const CampaignStep& step, int firmwareCommand = 0);
+std::vector<std::string> InjectWords(const CampaignStep& step,
+                                     int firmwareCommand = kFirmwareInject);
 
 // The "--inject" commands the runner sends for a step, one request per phase: inject, ask
 // whether it ran, remove it and ask whether it is gone.

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <paths.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -101,7 +102,8 @@ ShellResult RunShellCommand(const std::string& command, const Environment& extra
         for (const auto& variable : extra) {
             setenv(variable.first.c_str(), variable.second.c_str(), 1);
         }
-        execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+        // The system's shell: /bin/sh on a host, /system/bin/sh on a device.
+        execl(_PATH_BSHELL, "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
         _exit(127);
     }
     setpgid(child, child);  // also here: whichever runs first, the group exists before a kill

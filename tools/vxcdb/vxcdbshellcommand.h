@@ -1,6 +1,6 @@
-// Runs a campaign's stimulus and check commands: `/bin/sh -c COMMAND` with standard input from
-// /dev/null, its output collected, and a deadline after which its whole process group is killed,
-// so that a hanging check cannot stall an unattended campaign.
+// Runs a campaign's stimulus and check commands: `sh -c COMMAND` (the system's shell) with standard
+// input from /dev/null, its output collected, and a deadline after which its whole process group is
+// killed, so that a hanging check cannot stall an unattended campaign.
 #pragma once
 
 #include <string>
