@@ -8,6 +8,7 @@
 #include "core/controller/corvanesystemimpl.h"
 #include "core/controller/vxcdbprotocol.h"
 #include "platform/devicepath.h"
+#include "tools/vxcdb/vxcdbcampaign.h"
 #include "tools/vxcdb/vxcdbcommandline.h"
 #include "tools/vxcdb/vxcdbconnection.h"
 #include "tools/vxcdb/vxcdbhints.h"
@@ -62,6 +63,9 @@ int main(int argc, char** argv) {
     if (commandLine.showUsage) {
         std::cout << vxcdb::UsageText();
         return kExitOk;
+    }
+    if (!commandLine.campaignFile.empty()) {
+        return vxcdb::RunCampaignCommand(commandLine, argv[0]);
     }
 
     VXCDBMessageString request;

@@ -51,6 +51,8 @@ std::string TrimRight(std::string line) {
     return line;
 }
 
+}  // namespace
+
 void PrintTable(const ReplyItem& table, std::ostream& out) {
     size_t columns = table.columns.size();
     for (const auto& row : table.rows) {
@@ -83,6 +85,8 @@ void PrintTable(const ReplyItem& table, std::ostream& out) {
         out << "(no rows)\n";
     }
 }
+
+namespace {
 
 void PrintText(std::ostream& out, const std::string& text) {
     out << text;
