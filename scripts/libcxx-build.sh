@@ -26,7 +26,8 @@ if ! echo '#include <version>' | "$cxx" -stdlib=libc++ -x c++ -fsyntax-only - 2>
     exit 1
 fi
 
-mapfile -t listed < <(python3 "$src/scripts/android-sources.py" --list ndk)
+listing=$(python3 "$src/scripts/android-sources.py" --list ndk)
+mapfile -t listed <<<"$listing"
 rm -rf "$out/proto"
 mkdir -p "$out/proto"
 sources=()
