@@ -282,7 +282,11 @@ TEST_F(SocketServer, ThreadThatCannotStartCostsOnlyItsConnection) {
 // into one line a second, and accepts the waiting peer once descriptors are back.
 TEST_F(SocketServer, AcceptFailuresAreFoldedAndTheServerRecovers) {
     corvanetest::ExpectInChild([&] {
+        const int fds = DescriptorCount();
         Serve(m_controller.get());
+        // The connections that found the server listening have ended, so no descriptor below
+        // the limit set next is freed afterwards.
+        ASSERT_TRUE(corvanetest::WaitFor([&] { return DescriptorCount() == fds + 1; }));
         ClientSocket waiting;  // its descriptor is taken while there are some
         rlimit saved = {};
         ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
