@@ -93,7 +93,7 @@ bool Hub::Remove(uintptr_t proxy) {
     return false;
 }
 
-uintptr_t Hub::FirstEnabledFrom(const Node* node) const {
+inline uintptr_t Hub::FirstEnabledFrom(const Node* node) const {
     for (size_t steps = 0; node != nullptr && steps < kMaxWalk; ++steps) {
         if (node->enabled.load(std::memory_order_acquire)) {
             uintptr_t proxy = node->proxy.load(std::memory_order_relaxed);
@@ -106,7 +106,7 @@ uintptr_t Hub::FirstEnabledFrom(const Node* node) const {
     return 0;
 }
 
-uintptr_t Hub::First() const {
+inline uintptr_t Hub::First() const {
     return FirstEnabledFrom(m_head.load(std::memory_order_acquire));
 }
 
@@ -114,7 +114,7 @@ bool Hub::Next(uintptr_t proxy, uintptr_t* next) const {
     return NextLive(proxy, next) || NextRemoved(proxy, next);
 }
 
-bool Hub::NextLive(uintptr_t proxy, uintptr_t* next) const {
+inline bool Hub::NextLive(uintptr_t proxy, uintptr_t* next) const {
     size_t steps = 0;
     for (const Node* node = m_head.load(std::memory_order_acquire);
          node != nullptr && steps < kMaxWalk;
@@ -195,7 +195,13 @@ SHADOWHOOK_API void* shadowhook_get_prev_func(void* func) {
     uintptr_t proxy = reinterpret_cast<uintptr_t>(func);
     uintptr_t next = 0;
     FrameStack& stack = t_frames;
-    for (size_t i = stack.count; i > 0; --i) {
+    size_t count = stack.count;
+    // The usual case: the newest frame is the caller's, and it is still in the chain.
+    if (count > 0 && stack.frames[count - 1].hub != nullptr &&
+        stack.frames[count - 1].hub->NextLive(proxy, &next)) {
+        return reinterpret_cast<void*>(next);
+    }
+    for (size_t i = count; i > 0; --i) {
         const Hub* hub = stack.frames[i - 1].hub;
         if (hub != nullptr && hub->Next(proxy, &next)) {
             return reinterpret_cast<void*>(next);
@@ -214,6 +220,12 @@ SHADOWHOOK_API void* shadowhook_get_prev_func(void* func) {
 
 SHADOWHOOK_API void shadowhook_pop_stack(void* return_address) {
     FrameStack& stack = t_frames;
+    size_t count = stack.count;
+    if (count > 0 &&
+        stack.frames[count - 1].returnAddress == reinterpret_cast<uintptr_t>(return_address)) {
+        stack.count = count - 1;  // the usual case: the newest frame is the caller's
+        return;
+    }
     Frame* frame = FindFrame(reinterpret_cast<uintptr_t>(return_address));
     if (frame == nullptr) {
         return;

@@ -46,10 +46,13 @@ class Hub {
     // Lock-free, from any thread.
     uintptr_t orig() const { return m_orig; }
     // The newest replacement, or 0 when the chain is empty.
-    uintptr_t First() const;
+    __attribute__((always_inline)) uintptr_t First() const;
     // What runs after `proxy` in this chain (the next older replacement, or the original); false
     // when `proxy` was never in it.
     bool Next(uintptr_t proxy, uintptr_t* next) const;
+    // Next, looking only at the replacements in the chain, or only at those removed from it.
+    __attribute__((always_inline)) bool NextLive(uintptr_t proxy, uintptr_t* next) const;
+    bool NextRemoved(uintptr_t proxy, uintptr_t* next) const;
     // Searches every hub ever made.
     static bool FindNext(uintptr_t proxy, uintptr_t* next);
 
@@ -61,10 +64,8 @@ class Hub {
         Node* allNext = nullptr;           // every node of this hub, set before publication
         std::chrono::steady_clock::time_point retiredAt;
     };
-    bool NextLive(uintptr_t proxy, uintptr_t* next) const;
-    bool NextRemoved(uintptr_t proxy, uintptr_t* next) const;
     // The first replacement still in the chain from `node` on, or 0.
-    uintptr_t FirstEnabledFrom(const Node* node) const;
+    __attribute__((always_inline)) uintptr_t FirstEnabledFrom(const Node* node) const;
 
     const uintptr_t m_orig;
     std::atomic<Node*> m_head{nullptr};
