@@ -64,7 +64,7 @@ TEST_P(HostileRequests, FailLikeInvalidSqlAndTheServiceAnswersOn) {
         "select (select count(*) from hook_group), (select count(*) from hook), (select "
         "count(*) from hook_firmware);";
     const std::string counts = SqliteShell(witness, kCounts);
-    ASSERT_EQ(counts, "5|8|0\n");  // the groups and hooks of the sample configuration
+    ASSERT_EQ(counts, "6|9|0\n");  // the groups and hooks of the sample configuration
 
     ProgramOutput answer = service.Vxcdb(hostile.arguments);
     // The command itself still works (the hooks are installed, the firmware hears of it); only
