@@ -9,7 +9,10 @@
 //    handler not installed), HOOK_DLSYM, HOOK_DUP, HOOK_SYMSZ, HOOK_ENTER (other threads could
 //    not be paused for the patch), HOOK_REWRITE_FAILED and UNHOOK_NOTFOUND; the others keep a
 //    message for callers that print any number;
-//  - it owns SIGURG (passing on every SIGURG that is not its own to the previous handler).
+//  - it owns SIGURG (passing on every SIGURG that is not its own to the previous handler);
+//  - in shared mode replacements keep the same contract as on a device (the macros at the end):
+//    they call what they replaced with SHADOWHOOK_CALL_PREV and pop their frame before returning,
+//    or they run once per thread.
 #pragma once
 
 #include <stdbool.h>
