@@ -47,7 +47,7 @@ TEST(HostileRequests, QuotesAreRefusedBeforeAnythingIsInstalledOrStored) {
         "count(*) from hook_firmware), (select count(*) from hook_group where available = 1), "
         "(select count(*) from hook where hook_state = 1);";
     const std::string state = SqliteShell(service.Path(kHookDb), kState);
-    ASSERT_EQ(state.substr(0, 6), "5|8|0|");  // the groups and hooks of the sample configuration
+    ASSERT_EQ(state.substr(0, 6), "6|9|0|");  // the groups and hooks of the sample configuration
 
     for (const auto& hostile : kHostile) {
         std::vector<std::string> arguments = {"corvane"};
