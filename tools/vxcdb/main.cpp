@@ -8,6 +8,7 @@
 #include "core/controller/corvanesystemimpl.h"
 #include "core/controller/vxcdbprotocol.h"
 #include "platform/devicepath.h"
+#include "tools/vxcdb/vxcdbcheck.h"
 #include "tools/vxcdb/vxcdbcommandline.h"
 #include "tools/vxcdb/vxcdbconnection.h"
 #include "tools/vxcdb/vxcdbreplyprinter.h"
@@ -39,6 +40,9 @@ int main(int argc, char** argv) {
     if (commandLine.showUsage) {
         std::cout << vxcdb::UsageText();
         return kExitOk;
+    }
+    if (commandLine.check) {
+        return vxcdb::RunCheck(commandLine.checkFile, commandLine.checkSysroot, std::cout);
     }
 
     VXCDBMessageString request;

@@ -1,6 +1,7 @@
 // The vxcdb command line:
 //   vxcdb [--json] [--timeout SECONDS] [--socket PATH] MODULE --OPTION [ARG...] [--OPTION
 //   [ARG...]]... vxcdb --help
+//   vxcdb --check [--sysroot DIR] FILE
 // Tool options come before the module name. After it, every word that starts with "--" begins a
 // new command (the word without its dashes is the option), the words up to the next one are its
 // arguments; a lone "--" makes every following word an argument of the current command.
@@ -18,6 +19,10 @@ struct CommandLine {
     double timeoutSeconds = 5.0;
     std::string socketPath;  // empty: the device path (CORVANE_SYSROOT applied on a host)
     VXCDBMessage request;    // one message: module name and type, one command per option
+    // "--check [--sysroot DIR] FILE": check a configuration file locally instead of a request.
+    bool check = false;
+    std::string checkFile;
+    std::string checkSysroot;  // empty: $CORVANE_SYSROOT, or "/"
 };
 
 // Fills `*commandLine` from argv[1..]; false with a one-line reason in `*error` on a mistake.
