@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <sys/wait.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -55,7 +56,7 @@ std::string Repeat(const std::string& text, int count) {
 struct Expected {
     std::string at;  // the text the problem points at (its nth occurrence in the file)
     int nth;
-    std::vector<std::string> says;  // fragments of the message
+    std::vector<std::string> says;  // fragments of the message; "\n" matches its end
 };
 
 // Line and column (in characters) of the nth occurrence of `at` in `text`.
@@ -79,7 +80,11 @@ std::pair<size_t, size_t> PlaceOf(const std::string& text, const std::string& at
 
 class ConfigurationCheck : public ::testing::Test {
   protected:
-    void SetUp() override { corvanetest::InstallSamples(m_sysroot, "0"); }
+    void SetUp() override {
+        corvanetest::InstallSamples(m_sysroot, "0");
+        std::filesystem::copy_file(CORVANE_BUILD_DIR "/testlib/libunresolved_fault.so",
+                                   m_sysroot / "vendor/lib64/libunresolved_fault.so");
+    }
 
     vxcdb::CheckResult Check(const std::string& text) {
         corvanetest::WriteTextFile(m_files / "checked.json", text);
@@ -97,7 +102,7 @@ class ConfigurationCheck : public ::testing::Test {
             EXPECT_EQ(problem.line, place.first) << problem.message;
             EXPECT_EQ(problem.column, place.second) << problem.message;
             for (const std::string& fragment : expected[i].says) {
-                EXPECT_NE(problem.message.find(fragment), std::string::npos)
+                EXPECT_NE((problem.message + "\n").find(fragment), std::string::npos)
                     << problem.message << "\nlacks: " << fragment;
             }
         }
@@ -163,6 +168,14 @@ TEST_F(ConfigurationCheck, FindsEachMistakeInAHookCaseFileWhereItIs) {
         {"a hook type that installs nothing",
          HookCaseFile(kGroup, kCase, With(kHook, "\"hook_type\": 2", "\"hook_type\": 3")),
          {{"3, \"function_type\"", 1, {"hook_type 3 is not a hook type"}}}},
+        {"a library calling what nothing provides (the inline-hook functions are provided)",
+         HookCaseFile(kGroup, kCase,
+                      With(With(kHook, "libcorvane_sample_fault", "libunresolved_fault"),
+                           "FaultSensorI2CWriteFail", "FaultUnresolved")),
+         {{"\"vendor/lib64/libunresolved_fault.so\"",
+           1,
+           {"neither its libraries nor the camera service provide: "
+            "CorvaneFunctionNobodyProvides\n"}}}},
         {"columns count characters, not bytes; a string starts at its unescaped quote",
          HookCaseFile(kGroup, kCase,
                       With(With(kHook, "CameraSensorI2CWrite", R"(Camera\"SensorI2CWrit)"),

@@ -19,7 +19,8 @@ class LibraryProbe {
   public:
     explicit LibraryProbe(std::string sysroot) : m_sysroot(std::move(sysroot)) {}
 
-    // Empty when `name` loads; otherwise dlerror()'s text.
+    // Empty when `name` loads as the service would load it; otherwise dlerror()'s text, or the
+    // references nothing in the camera process would resolve.
     std::string Load(const std::string& name);
     // Empty when the loaded library `name` (or a library it needs) exports `symbol`; otherwise
     // dlerror()'s text. `name` must have loaded.
@@ -38,9 +39,12 @@ class LibraryProbe {
     };
 
     Library& Open(const std::string& name);
+    bool ServiceProvides(const std::string& symbol);
 
     std::string m_sysroot;
     std::map<std::string, Library> m_libraries;
+    bool m_serviceSymbolsRead = false;
+    std::vector<std::string> m_serviceSymbols;  // sorted
 };
 
 }  // namespace vxcdb
