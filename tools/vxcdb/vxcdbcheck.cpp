@@ -25,6 +25,8 @@ constexpr off_t kMaxFileBytes = 64 * 1024 * 1024;
 constexpr size_t kMaxPrintedProblems = 1000;
 // Names longer than this get no suggestion: comparing two names costs the product of lengths.
 constexpr size_t kMaxSuggestedLength = 256;
+// Strings longer than this are described by their kind only, not quoted.
+constexpr size_t kMaxQuotedValueLength = 40;
 
 constexpr const char* kHookCaseKind = "hook-case file";
 constexpr const char* kProtectionKind = "protection configuration";
@@ -76,9 +78,6 @@ const std::vector<std::pair<const char*, const char*>> kHookLibraryKeys = {
 std::string Quoted(const std::string& text) {
     return "\"" + text + "\"";
 }
-
-// Strings longer than this are described by their kind only.
-constexpr size_t kMaxQuotedValueLength = 40;
 
 // A value as a message shows it: numbers as written, short strings quoted, the rest by kind.
 std::string Describe(const JsonNode& node) {
