@@ -692,9 +692,12 @@ CheckResult CheckConfigurationFile(const std::string& path, const std::string& s
     JsonNode root;
     JsonParseFailure failure;
     if (!ParseJsonTree(text, &root, &failure)) {
-        // Nothing after a syntax error is read: the service reads no part of such a file.
-        checker.Add(failure.offset, "not valid JSON: " + failure.message +
-                                        " (the service reads nothing from this file)");
+        // Nothing after a syntax error is read: the service reads no part of such a file. The
+        // protection reader has no nesting bound, but nothing of its file nests this deep.
+        checker.Add(failure.offset,
+                    failure.tooDeep ? failure.message + " (no configuration file nests this deep)"
+                                    : "not valid JSON: " + failure.message +
+                                          " (the service reads nothing from this file)");
     } else if (root.kind == Kind::kObject) {
         result.kind = kHookCaseKind;
         LibraryProbe libraries(sysroot);

@@ -187,6 +187,7 @@ bool ParseJsonTree(const std::string& text, JsonNode* root, JsonParseFailure* fa
     // found just after the bracket that opens one level too many.
     if (result.Code() == rapidjson::kParseErrorTermination) {
         failure->offset = result.Offset() > 0 ? result.Offset() - 1 : 0;
+        failure->tooDeep = true;
         failure->message = "nested deeper than " + std::to_string(JSON_MAX_DEPTH) +
                            " levels of objects and arrays";
     }

@@ -43,6 +43,7 @@ const char* DescribeKind(const JsonNode& node);
 struct JsonParseFailure {
     size_t offset = 0;
     std::string message;
+    bool tooDeep = false;  // well-formed as far as read, but nested beyond the bound
 };
 
 // Parses `text` into `*root`. False with the place and reason in `*failure` when the text is not
