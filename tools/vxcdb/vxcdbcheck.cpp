@@ -148,10 +148,6 @@ struct Entry {
         auto found = values.find(key);
         return found == values.end() ? nullptr : found->second;
     }
-    std::string Text(const std::string& key) const {
-        const JsonNode* value = Value(key);
-        return value == nullptr ? "" : value->text;
-    }
 };
 
 class FileChecker {
@@ -183,11 +179,10 @@ class FileChecker {
                          const std::string& hookCasePath);
 
   private:
-    // The members of `object` that name known keys, each once: unknown and repeated keys are
-    // reported. `firstWins` says which of a repeated key the service reads.
+    // The members of `object` that name known keys, the first of each name, as the service looks
+    // keys up by name: unknown and repeated keys are reported.
     std::map<std::string, const JsonMember*> KnownMembers(const JsonNode& object,
-                                                          const std::vector<std::string>& known,
-                                                          bool firstWins);
+                                                          const std::vector<std::string>& known);
     std::vector<Entry> ReadSection(const JsonNode* section, const char* name,
                                    const std::vector<KeyRule>& rules);
     void CheckValue(const JsonMember& member, ValueRule rule, Entry* entry);
@@ -205,7 +200,7 @@ class FileChecker {
 };
 
 std::map<std::string, const JsonMember*> FileChecker::KnownMembers(
-    const JsonNode& object, const std::vector<std::string>& known, bool firstWins) {
+    const JsonNode& object, const std::vector<std::string>& known) {
     std::map<std::string, const JsonMember*> members;
     for (const JsonMember& member : object.members) {
         if (std::find(known.begin(), known.end(), member.name) == known.end()) {
@@ -213,16 +208,11 @@ std::map<std::string, const JsonMember*> FileChecker::KnownMembers(
                                    DidYouMean(member.name, known));
             continue;
         }
-        auto earlier = members.find(member.name);
-        if (earlier == members.end()) {
-            members[member.name] = &member;
-            continue;
-        }
-        Add(member.offset, Quoted(member.name) + " given twice in one object (first at " +
-                               Line(earlier->second->offset) + "): the service reads only the " +
-                               (firstWins ? "first" : "last"));
-        if (!firstWins) {
-            earlier->second = &member;
+        auto earlier = members.emplace(member.name, &member);
+        if (!earlier.second) {
+            Add(member.offset, Quoted(member.name) + " given twice in one object (first at " +
+                                   Line(earlier.first->second->offset) +
+                                   "): the service reads only the first");
         }
     }
     return members;
@@ -461,8 +451,7 @@ void FileChecker::CheckCaseHooks(const std::vector<Entry>& cases,
 
 void FileChecker::CheckHookCase(const JsonNode& root, LibraryProbe& libraries) {
     const std::vector<std::string> sectionNames = {kGroupSection, kCaseSection, kHookSection};
-    // The service looks each section up by name: the first of a repeated name is read.
-    std::map<std::string, const JsonMember*> members = KnownMembers(root, sectionNames, true);
+    std::map<std::string, const JsonMember*> members = KnownMembers(root, sectionNames);
     std::map<std::string, const JsonNode*> sections;
     for (const std::string& name : sectionNames) {
         auto member = members.find(name);
@@ -502,8 +491,7 @@ void FileChecker::CheckProtection(const JsonNode& root, const std::set<std::stri
                                     ": the service skips it");
             continue;
         }
-        // The service looks both keys up by name: the first of a repeated key is read.
-        std::map<std::string, const JsonMember*> members = KnownMembers(element, keys, true);
+        std::map<std::string, const JsonMember*> members = KnownMembers(element, keys);
         auto nameMember = members.find(kSchemeKey);
         auto listMember = members.find(kGroupListKey);
         if (nameMember == members.end()) {
