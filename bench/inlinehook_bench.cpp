@@ -3,10 +3,13 @@
 //    one displacing several instructions (cbrt), and for that one with another thread to pause;
 //  - the first hook of a function, which also reads the memory map, decodes and checks the
 //    whole function and builds its trampoline;
-//  - a call through an installed hook whose replacement calls the original, against the direct
-//    call (the difference is the hook's extra cost).
+//  - a call through an installed hook, against the direct call (the difference is the hook's
+//    extra cost): in shared mode through the function's hub to a replacement that calls
+//    SHADOWHOOK_CALL_PREV and pops its frame; in unique mode (CORVANE_BENCH_UNIQUE=1 in the
+//    environment) straight to a replacement that calls orig.
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
+#include <stdlib.h>
 
 #include <condition_variable>
 #include <memory>
@@ -23,7 +26,9 @@ void* Lookup(const char* library, const char* symbol) {
 }
 
 bool Initialise() {
-    static const int result = shadowhook_init(SHADOWHOOK_MODE_SHARED, false);
+    static const int result = shadowhook_init(
+        getenv("CORVANE_BENCH_UNIQUE") != nullptr ? SHADOWHOOK_MODE_UNIQUE : SHADOWHOOK_MODE_SHARED,
+        false);
     return result == SHADOWHOOK_ERRNO_OK;
 }
 
@@ -37,6 +42,11 @@ using Bound = unsigned long (*)(unsigned long);
 void* g_boundOrig = nullptr;
 unsigned long BoundReplacement(unsigned long length) {
     return reinterpret_cast<Bound>(__atomic_load_n(&g_boundOrig, __ATOMIC_RELAXED))(length);
+}
+// As a replacement installed in shared mode must be written.
+unsigned long SharedBoundReplacement(unsigned long length) {
+    SHADOWHOOK_STACK_SCOPE();
+    return SHADOWHOOK_CALL_PREV(SharedBoundReplacement, length);
 }
 
 // An idle thread, blocked until the benchmark ends: the engine must pause it whenever an entry
@@ -153,6 +163,11 @@ BENCHMARK(BM_CallDirect)->Repetitions(10)->ReportAggregatesOnly(true);
 // library) sit. Both are measured; the shared-library one comes from the inline-hook test library
 // (build corvane_inlinehook_testlib first).
 void BM_CallThroughHookCallingOrig(benchmark::State& state, bool replacementInLibrary) {
+    if (!Initialise() || shadowhook_get_mode() != SHADOWHOOK_MODE_UNIQUE) {
+        // In shared mode a replacement that never pops runs once per thread.
+        state.SkipWithError("unique mode only: run with CORVANE_BENCH_UNIQUE=1");
+        return;
+    }
     void* target = Lookup("libz.so.1", "compressBound");
     void* replacement = reinterpret_cast<void*>(BoundReplacement);
     void** orig = &g_boundOrig;
@@ -181,5 +196,24 @@ BENCHMARK_CAPTURE(BM_CallThroughHookCallingOrig, replacement_in_shared_library, 
 BENCHMARK_CAPTURE(BM_CallThroughHookCallingOrig, replacement_in_executable, false)
     ->Repetitions(10)
     ->ReportAggregatesOnly(true);
+
+// Shared mode: the entry leads to the function's hub, which pushes this thread's frame and jumps
+// to the replacement; the replacement asks for the previous entry and pops its frame.
+void BM_CallThroughSharedReplacementCallingPrev(benchmark::State& state) {
+    void* target = Lookup("libz.so.1", "compressBound");
+    if (!Initialise() || shadowhook_get_mode() != SHADOWHOOK_MODE_SHARED || target == nullptr) {
+        state.SkipWithError("shared mode only");
+        return;
+    }
+    void* stub =
+        shadowhook_hook_sym_addr(target, reinterpret_cast<void*>(SharedBoundReplacement), nullptr);
+    if (stub == nullptr) {
+        state.SkipWithError("could not hook compressBound");
+        return;
+    }
+    CallLoop(state, reinterpret_cast<Bound>(target));
+    shadowhook_unhook(stub);
+}
+BENCHMARK(BM_CallThroughSharedReplacementCallingPrev)->Repetitions(10)->ReportAggregatesOnly(true);
 
 }  // namespace

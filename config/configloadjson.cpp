@@ -1,9 +1,11 @@
 #include "config/configloadjson.h"
 
+#include <rapidjson/error/en.h>
 #include <rapidjson/memorystream.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "core/controller/corvanesystemlog.h"
@@ -99,12 +101,42 @@ void AppendScalarEntry(const std::string& name, const Value& value, std::vector<
     out.emplace_back(name, std::move(data));
 }
 
+// Where and why `text` stops being JSON, as a person finds it in an editor: "line L, column C
+// (byte offset O): reason". Parsed a second time, only after a failure, with the same rules.
+std::string DescribeParseError(const std::string& text) {
+    using Sink = rapidjson::BaseReaderHandler<>;
+    Sink sink;
+    JsonDepthLimiter<Sink> limiter(sink);
+    rapidjson::MemoryStream stream(text.data(), text.size());
+    rapidjson::Reader reader;
+    rapidjson::ParseResult result = reader.Parse<JSON_PARSE_FLAGS>(stream, limiter);
+    size_t offset = std::min(result.Offset(), text.size());
+    size_t line = 1;
+    size_t lineStart = 0;
+    for (size_t i = 0; i < offset; ++i) {
+        if (text[i] == '\n') {
+            ++line;
+            lineStart = i + 1;
+        }
+    }
+    std::string reason = result.Code() == rapidjson::kParseErrorTermination
+                             ? "nested deeper than " + std::to_string(JSON_MAX_DEPTH) + " levels"
+                             : rapidjson::GetParseError_En(result.Code());
+    return "line " + std::to_string(line) + ", column " + std::to_string(offset - lineStart + 1) +
+           " (byte offset " + std::to_string(offset) + "): " + reason;
+}
+
 }  // namespace
 
 ConfigLoadJson* ConfigLoadJson::Create(ConfigLoadCreateData data) {
     ConfigLoadJson* loader = new ConfigLoadJson();
     if (loader->Initialize(data) != CONFIG_LOAD_OK) {
         CORVANE_LOGE("Failed to initialize ConfigLoadJson: %s", data.fileName.c_str());
+        if (!loader->m_parseError.empty()) {
+            // Without it a missing comma leaves the user searching the whole file.
+            CORVANE_LOGE("%s is not valid JSON at %s", data.fileName.c_str(),
+                         loader->m_parseError.c_str());
+        }
         delete loader;
         return nullptr;
     }
@@ -127,7 +159,12 @@ int ConfigLoadJson::Initialize(ConfigLoadCreateData data) {
     }
     // Parse errors are not logged here: Create logs the failure with the file name.
     rapidjson::MemoryStream stream(m_fileContent.data(), m_fileContent.size());
-    return ParseJson(stream, m_document) ? CONFIG_LOAD_OK : CONFIG_LOAD_INVALID;
+    if (!ParseJson(stream, m_document)) {
+        m_parseError = DescribeParseError(m_fileContent);
+        return CONFIG_LOAD_INVALID;
+    }
+    m_parseError.clear();
+    return CONFIG_LOAD_OK;
 }
 
 int ConfigLoadJson::ReadFile(const std::string& path) {

@@ -66,6 +66,7 @@ class ConfigLoadJson : public ConfigLoad {
 
   private:
     std::string m_fileContent;
+    std::string m_parseError;  // where the last parse failed, for Create's log line
     rapidjson::MemoryPoolAllocator<> m_allocator;  // owns every value of m_document
     rapidjson::Document m_document;
 };

@@ -64,6 +64,7 @@ The camera service is running (supervisor pid $supervisor). In another shell:
     $vxcdb corvane --inject sensor_i2c_fault
     $vxcdb corvane --inject result
     $vxcdb corvane --inject clear
+    CORVANE_SERVICE_LOG=$log $vxcdb --campaign $src/host/samples/campaign.json
 
 The service's log (pipeline, firmware, probes, library log lines): $log
 Stop it with: kill -INT $supervisor
@@ -113,5 +114,14 @@ run corvane --inject result
 echo
 echo "== What the camera service saw"
 grep -E '^(supervisor|firmware|probe|pipeline):' "$log" | head -40
+echo
+echo "== A fault campaign: every sample group and a firmware command, each injected, seen to run,"
+echo "   checked against the service log and removed (host/samples/campaign.json)"
+junit="$build/campaign-junit.xml"
+echo
+echo "\$ vxcdb --junit $junit --campaign $src/host/samples/campaign.json"
+CORVANE_SERVICE_LOG=$log "$vxcdb" --junit "$junit" --campaign "$src/host/samples/campaign.json" ||
+    echo "(exit code $?)"
+echo "JUnit report: $junit"
 echo
 echo "== Tour finished; the service is stopped. Run '$0 --keep' to try vxcdb yourself."

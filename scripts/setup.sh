@@ -4,7 +4,8 @@
 set -euo pipefail
 packages=(build-essential cmake clang clang-format libsqlite3-dev sqlite3 libprotobuf-dev
     protobuf-compiler rapidjson-dev android-liblog-dev libzydis-dev libzycore-dev googletest
-    libgtest-dev libgmock-dev libbenchmark-dev libclang-rt-14-dev llvm)
+    libgtest-dev libgmock-dev libbenchmark-dev libclang-rt-14-dev llvm libxml2-utils libc++-dev
+    libc++abi-dev python3)
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

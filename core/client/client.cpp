@@ -1,8 +1,12 @@
+#include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <new>
+#include <system_error>
 
 #include "core/client/clientimpl.h"
 #include "core/controller/corvanesystem.h"
@@ -14,10 +18,46 @@ namespace {
 
 constexpr int kFrameSize = static_cast<int>(sizeof(VXCDBMessageString));
 
+// Waits until `fd` has data, an end or an error to report, or `until` passes (false then).
+bool WaitReadable(int fd, std::chrono::steady_clock::time_point until) {
+    for (;;) {
+        auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(until - std::chrono::steady_clock::now());
+        pollfd readable = {fd, POLLIN, 0};
+        int ready = poll(&readable, 1, static_cast<int>(std::max<long long>(0, left.count())));
+        if (ready > 0 || (ready < 0 && errno != EINTR)) {
+            return true;  // a failure of poll is left to recv to report
+        }
+        if (ready == 0 && left.count() <= 0) {
+            return false;
+        }
+    }
+}
+
+void LogThreadFailure(int fd, int error) {
+    CORVANE_LOGE("Failed to start the client thread, client fd: %d, error: %s", fd,
+                 ErrorText(error).c_str());
+}
+
 }  // namespace
 
 Client* Client::Create(ClientCreateInputData data) {
-    ClientImpl* client = new ClientImpl(data);
+    ClientImpl* client = nullptr;
+    try {
+        client = new ClientImpl(data);
+    } catch (const std::system_error& error) {
+        // Out of threads or of address space for a stack: this connection is dropped, the
+        // server goes on.
+        LogThreadFailure(data.fd, error.code().value());
+    } catch (const std::bad_alloc&) {
+        LogThreadFailure(data.fd, ENOMEM);
+    }
+    if (client == nullptr) {
+        if (data.fd >= 0) {
+            close(data.fd);
+        }
+        return nullptr;
+    }
     client->Initialize();
     return client;
 }
@@ -76,7 +116,30 @@ void ClientImpl::CloseConnection() {
     }
 }
 
+ssize_t ClientImpl::ReceiveFrame(VXCDBMessageString* frame, Clock::time_point deadline,
+                                 bool* late) {
+    char* bytes = reinterpret_cast<char*>(frame);
+    *late = !WaitReadable(m_fd, deadline);
+    if (*late) {
+        return 0;
+    }
+    ssize_t received = recv(m_fd, bytes, kFrameSize, 0);
+    while (received > 0 && received < kFrameSize) {
+        if (!WaitReadable(m_fd, std::min(Clock::now() + kFramePiecePause, deadline))) {
+            *late = Clock::now() >= deadline;
+            return *late ? 0 : received;  // a pause: the frame stays short
+        }
+        ssize_t more = recv(m_fd, bytes + received, kFrameSize - received, 0);
+        if (more <= 0) {
+            break;  // the peer closed or failed: what came is the frame
+        }
+        received += more;
+    }
+    return received;
+}
+
 void ClientImpl::Run() {
+    const Clock::time_point deadline = Clock::now() + kConnectionDeadline;
     VXCDBMessageString frame;
     for (;;) {
         {
@@ -90,9 +153,14 @@ void ClientImpl::Run() {
             CORVANE_LOGE("Client fd is invalid, thread is stopping");
             break;
         }
-        // One receive is one frame: the tool writes each frame whole, and no reassembly is done.
         memset(&frame, 0, sizeof(frame));
-        ssize_t received = recv(m_fd, &frame, sizeof(frame), 0);
+        bool late = false;
+        ssize_t received = ReceiveFrame(&frame, deadline, &late);
+        if (late) {
+            CORVANE_LOGE("No request from client %d within %lld ms, closing the connection", m_fd,
+                         static_cast<long long>(kConnectionDeadline.count()));
+            break;
+        }
         if (received <= 0) {
             int error = errno;
             CORVANE_LOGE("Failed to receive message from client: %d, error message: %s", m_fd,

@@ -7,6 +7,7 @@
 #include "core/controller/corvanesystemimpl.h"
 #include "core/controller/corvanesystemlog.h"
 #include "core/model/hook/hookoperation.h"
+#include "core/model/hook/hookrestartguard.h"
 #include "core/model/monitor/monitor.h"
 #include "core/model/protection/protection.h"
 #include "core/server/server.h"
@@ -171,6 +172,8 @@ void CorvaneSystemImpl::RaiseSignal(int signal) {
         return;
     }
     CORVANE_LOGI("raise signal: %d", signal);
+    // A restart asked for is not a crash: it must not count towards leaving stored groups out.
+    HookRestartGuard::Forget(DevicePath(HookRestartGuard::kStatePath));
     raise(signal);
 }
 

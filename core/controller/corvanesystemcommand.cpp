@@ -51,9 +51,8 @@ constexpr int kMaxReplyPayload = VXCDB_PAYLOAD_SIZE - 1;
 constexpr int kMinSignal = 1;
 constexpr int kMaxSignal = 64;
 
-// Firmware identifiers are bytes on the wire; the command id selects inject, remove or clear.
-constexpr int kMaxFirmwareId = 255;
-constexpr int kMaxFirmwareCmdId = 2;
+// The four leading fields of a firmware command are bytes: what converts is 0..255.
+constexpr int kMaxFirmwareField = 255;
 constexpr size_t kFirmwareFixedArgs = 4;
 
 // Whole-token decimal conversion into `*value`: an optional sign and digits, nothing before or
@@ -76,6 +75,41 @@ bool ParseWholeDecimal(const std::string& text, long long min, long long max, lo
     }
     *value = parsed;
     return true;
+}
+
+// Group names, group arguments and firmware parameters reach SQL between single quotes and
+// unescaped; a quote among them makes the statement invalid, and the database layer then deletes
+// hook.db with every stored injection. Such a request is refused before anything is installed or
+// stored.
+constexpr char kSqlQuote = '\'';
+constexpr const char* kSubCommandFirmware = "firmware";
+
+// The refusal naming the first of `arguments` (from `first` on) that holds a quote, or empty.
+// `describe` names an argument by its position in `arguments`.
+template <typename Describe>
+std::string QuotedArgumentRefusal(const std::vector<std::string>& arguments, size_t first,
+                                  Describe describe) {
+    for (size_t i = first; i < arguments.size(); ++i) {
+        if (arguments[i].find(kSqlQuote) != std::string::npos) {
+            return "Refused: " + describe(i) +
+                   " holds a single quote, which cannot be stored: " + arguments[i];
+        }
+    }
+    return "";
+}
+
+// `arguments` are those of "inject": a group (or case) name and the group's arguments.
+std::string QuotedHookGroupArgument(const std::vector<std::string>& arguments) {
+    return QuotedArgumentRefusal(arguments, 0, [&](size_t i) {
+        return i == 0 ? std::string("the group or case name")
+                      : "argument " + std::to_string(i) + " of " + arguments[0];
+    });
+}
+
+// `arguments` are those of "inject": "firmware" and its own arguments.
+std::string QuotedFirmwareArgument(const std::vector<std::string>& arguments) {
+    return QuotedArgumentRefusal(arguments, 1,
+                                 [](size_t i) { return "firmware argument " + std::to_string(i); });
 }
 
 }  // namespace
@@ -247,6 +281,14 @@ int CorvaneSystemImpl::HandleInjectCommand(std::vector<std::string> arguments,
     };
     std::vector<std::string> rest(arguments.begin() + 1, arguments.end());
     auto subCommand = subCommands.find(arguments[0]);
+    std::string refusal = subCommand == subCommands.end()       ? QuotedHookGroupArgument(arguments)
+                          : arguments[0] == kSubCommandFirmware ? QuotedFirmwareArgument(arguments)
+                                                                : "";
+    if (!refusal.empty()) {
+        CORVANE_LOGE("%s", refusal.c_str());
+        BuildErrorResponse(reply, refusal);
+        return kCommandRejected;
+    }
     if (subCommand == subCommands.end()) {
         // Any other word names a hook group (or case) to inject.
         return HandleHookGroupCommand(arguments[0], rest, reply);
@@ -316,8 +358,9 @@ int CorvaneSystemImpl::HandleStatusCommand(std::vector<std::string> arguments,
 }
 
 // Arguments: cmd id (0 inject, 1 remove, 2 clear all), camera module id, subdevice id, interface
-// id, then the free-text param (the remaining words joined with one blank, or empty). The ids are
-// bytes on the wire, so a value outside 0..255 would address another module: it is refused.
+// id, then the free-text param (the remaining words joined with one blank, or empty). Each of the
+// four fields must convert to its type, an unsigned byte: a larger value would silently address
+// another module. A cmd id the engine does not know is still handed to it; it ignores it.
 int CorvaneSystemImpl::HandleFirmwareCommand(std::vector<std::string> arguments,
                                              VXCDBMessage& reply) {
     if (arguments.size() < kFirmwareFixedArgs) {
@@ -328,24 +371,15 @@ int CorvaneSystemImpl::HandleFirmwareCommand(std::vector<std::string> arguments,
         BuildErrorResponse(reply, "Hook operation not initialized");
         return kCommandRejected;
     }
-    struct Field {
-        const char* name;
-        long long max;
-        const char* range;
-    };
-    const Field fields[kFirmwareFixedArgs] = {
-        {"cmd id", kMaxFirmwareCmdId, "0 (inject), 1 (remove) or 2 (clear all)"},
-        {"camera module id", kMaxFirmwareId, "a number from 0 to 255"},
-        {"subdevice id", kMaxFirmwareId, "a number from 0 to 255"},
-        {"interface id", kMaxFirmwareId, "a number from 0 to 255"},
-    };
+    const char* const fieldNames[kFirmwareFixedArgs] = {"cmd id", "camera module id",
+                                                        "subdevice id", "interface id"};
     uint8_t ids[kFirmwareFixedArgs] = {};
     for (size_t i = 0; i < kFirmwareFixedArgs; ++i) {
         long long value = 0;
-        if (!ParseWholeDecimal(arguments[i], 0, fields[i].max, &value)) {
-            BuildErrorResponse(reply, std::string("Invalid firmware parameters: ") +
-                                          fields[i].name + " must be " + fields[i].range +
-                                          ", got '" + arguments[i] + "'");
+        if (!ParseWholeDecimal(arguments[i], 0, kMaxFirmwareField, &value)) {
+            BuildErrorResponse(reply, std::string("Invalid firmware parameters: ") + fieldNames[i] +
+                                          " must be a number from 0 to 255, got '" + arguments[i] +
+                                          "'");
             return kCommandRejected;
         }
         ids[i] = static_cast<uint8_t>(value);

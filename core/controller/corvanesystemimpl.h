@@ -64,6 +64,10 @@ class CorvaneSystemImpl : public CorvaneSystem {
   private:
     friend class CorvaneSystemImplTestPeer;  // tests put a stand-in hook engine in place
 
+    // The controller's methods live in several source files but log as one unit: every line of
+    // theirs names the main source file, so log readers and filters see one controller file.
+    static constexpr const char* CorvaneLogFile(const char*) { return "corvanesystem.cpp"; }
+
     // Command dispatch (corvanesystemcommand.cpp). Each handler appends its answer to `reply`
     // and returns 0, or kCommandRejected after appending an error entry.
     int HandleCorvaneCommand(const VXCDBMessage_CDBCmd& command, VXCDBMessage& reply);

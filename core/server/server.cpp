@@ -8,33 +8,37 @@
 
 #include <algorithm>
 #include <chrono>
+#include <new>
+#include <system_error>
 #include <utility>
 
 #include "core/client/clientimpl.h"
 #include "core/controller/corvanesystemlog.h"
+#include "core/server/logthrottle.h"
 #include "core/server/serverimpl.h"
 #include "utils/errortext.h"
 #include "utils/scopedfd.h"
 
 namespace {
 
-// Pause after an accept failure caused by exhausted resources (descriptors, memory), so that the
-// accepting thread retries instead of spinning while they last.
-constexpr std::chrono::milliseconds kAcceptBackoff(10);
-
 // Who may connect: anyone who can connect may raise signals in the host process and replace its
 // functions, so the socket is open to the service's own user and group only, whatever the umask
 // the process was started with (connecting needs write permission on the socket file).
 constexpr mode_t kSocketMode = 0660;
 
-bool IsResourceExhausted(int error) {
-    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
-}
-
 }  // namespace
 
 Server* Server::Create(ServerCreateInputData data) {
-    return new ServerImpl(data);
+    try {
+        return new ServerImpl(data);
+    } catch (const std::system_error& error) {
+        // No thread to spare (or no memory for one): the service runs on without the channel.
+        CORVANE_LOGE("Failed to start the server thread, error: %s",
+                     ErrorText(error.code().value()).c_str());
+    } catch (const std::bad_alloc&) {
+        CORVANE_LOGE("Failed to start the server thread, error: %s", ErrorText(ENOMEM).c_str());
+    }
+    return nullptr;
 }
 
 void Server::Destroy(Server* server) {
@@ -53,20 +57,14 @@ ServerImpl::~ServerImpl() {
         m_thread.join();
     }
     // The accepting thread has ended, so the list is final. Connections still running may be
-    // inside the controller; the controller must outlive them, so wait for each.
-    std::vector<ClientImpl*> running;
+    // inside the controller; the controller must outlive them, so each is waited for (by its
+    // destructor) before this returns.
+    std::vector<std::unique_ptr<ClientImpl>> clients;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        running.swap(m_unjoined);
+        clients.swap(m_clients);
     }
-    for (ClientImpl* client : running) {
-        client->Join();
-    }
-    // Every connection thread has ended: nothing can reach a connection object any more.
-    for (Client* client : m_clients) {
-        delete client;
-    }
-    m_clients.clear();
+    clients.clear();
     if (m_listenFd >= 0) {
         close(m_listenFd);
         m_listenFd = -1;
@@ -119,27 +117,55 @@ int ServerImpl::SetupConnect() {
 }
 
 void ServerImpl::Stop() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_state.store(kStateStopped);
-    if (m_listenFd >= 0) {
-        // Wakes the blocked accept (a plain close would not); the accepting thread closes it.
-        shutdown(m_listenFd, SHUT_RDWR);
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_state.store(kStateStopped);
+        if (m_listenFd >= 0) {
+            // Wakes the blocked accept (a plain close would not); the accepting thread closes it.
+            shutdown(m_listenFd, SHUT_RDWR);
+        }
+        for (const std::unique_ptr<ClientImpl>& client : m_clients) {
+            client->Stop();
+            Client::Destroy(client.get());  // a no-op by design: connections end by themselves
+        }
     }
-    for (ClientImpl* client : m_unjoined) {
-        client->Stop();
-    }
-    for (Client* client : m_clients) {
-        Client::Destroy(client);  // a no-op by design: connections end by themselves
-    }
+    m_stopped.notify_all();
 }
 
-void ServerImpl::JoinFinishedClients() {
-    auto finished = std::partition(m_unjoined.begin(), m_unjoined.end(),
-                                   [](ClientImpl* client) { return !client->IsFinished(); });
-    for (auto it = finished; it != m_unjoined.end(); ++it) {
-        (*it)->Join();
+void ServerImpl::FreeFinishedClients() {
+    auto finished = std::partition(
+        m_clients.begin(), m_clients.end(),
+        [](const std::unique_ptr<ClientImpl>& client) { return !client->IsFinished(); });
+    m_clients.erase(finished, m_clients.end());  // joins each: their threads have returned
+}
+
+void ServerImpl::PauseWhileRunning(std::chrono::milliseconds pause) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_stopped.wait_for(lock, pause, [this] { return m_state.load() != kStateRunning; });
+}
+
+void ServerImpl::Admit(int fd, LogThrottle& refusals) {
+    FreeFinishedClients();
+    if (m_clients.size() >= kMaxConnections) {
+        close(fd);
+        if (int count = refusals.Note(LogThrottle::Clock::now())) {
+            CORVANE_LOGE("Too many client connections (%zu open), refused: %d", m_clients.size(),
+                         count);
+        }
+        return;
     }
-    m_unjoined.erase(finished, m_unjoined.end());
+    CORVANE_LOGI("Setup connect to client: %d", fd);
+    Client* client = Client::Create({fd, m_pSystem});
+    if (client == nullptr) {
+        return;  // its thread could not start; Create closed the descriptor and said why
+    }
+    // Every connection this server creates is a ClientImpl; the list never outgrows the
+    // capacity reserved for it, so adding cannot fail.
+    m_clients.emplace_back(static_cast<ClientImpl*>(client));
+    if (m_state.load() != kStateRunning) {
+        // Stop ran between accept and here and did not see this connection.
+        m_clients.back()->Stop();
+    }
 }
 
 void ServerImpl::Run() {
@@ -151,7 +177,11 @@ void ServerImpl::Run() {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         listenFd = m_listenFd;
+        m_clients.reserve(kMaxConnections);
     }
+    LogThrottle acceptFailures(kFailureLogInterval);
+    LogThrottle refusals(kFailureLogInterval);
+    std::chrono::milliseconds backoff = kAcceptBackoffMin;
     while (m_state.load() == kStateRunning) {
         int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0) {
@@ -159,23 +189,18 @@ void ServerImpl::Run() {
             if (m_state.load() != kStateRunning) {
                 break;
             }
-            CORVANE_LOGE("Failed to accept client connection");
-            if (IsResourceExhausted(error)) {
-                std::this_thread::sleep_for(kAcceptBackoff);
+            if (int count = acceptFailures.Note(LogThrottle::Clock::now())) {
+                CORVANE_LOGE("Failed to accept client connection, error: %s, failures: %d",
+                             ErrorText(error).c_str(), count);
             }
+            // Whatever the cause, retrying at once would only fail again as fast as it can.
+            PauseWhileRunning(backoff);
+            backoff = std::min(backoff * 2, kAcceptBackoffMax);
             continue;
         }
-        CORVANE_LOGI("Setup connect to client: %d", fd);
-        Client* client = Client::Create({fd, m_pSystem});
+        backoff = kAcceptBackoffMin;
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_clients.push_back(client);
-        // Every connection this server creates is a ClientImpl.
-        m_unjoined.push_back(static_cast<ClientImpl*>(client));
-        if (m_state.load() != kStateRunning) {
-            // Stop ran between accept and here and did not see this connection.
-            static_cast<ClientImpl*>(client)->Stop();
-        }
-        JoinFinishedClients();
+        Admit(fd, refusals);
     }
     {
         std::lock_guard<std::mutex> lock(m_mutex);

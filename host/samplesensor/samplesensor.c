@@ -26,7 +26,7 @@ static uint8_t EepromByte(uint32_t offset) {
     return (uint8_t)(offset & 0xFF);
 }
 
-SAMPLE_SENSOR_EXPORT int CameraSensorBusWrite(uint16_t slaveAddress, uint16_t reg, uint16_t value) {
+static int BusWrite(uint16_t slaveAddress, uint16_t reg, uint16_t value) {
     if (slaveAddress != SENSOR_SLAVE_ADDRESS) {
         return -ENODEV;
     }
@@ -38,7 +38,7 @@ SAMPLE_SENSOR_EXPORT int CameraSensorI2CWrite(uint16_t slaveAddress, uint16_t re
     if (reg >= REGISTER_COUNT) {
         return -EINVAL;
     }
-    return CameraSensorBusWrite(slaveAddress, reg, value);
+    return BusWrite(slaveAddress, reg, value);
 }
 
 SAMPLE_SENSOR_EXPORT int CameraSensorI2CRead(uint16_t slaveAddress, uint16_t reg, uint16_t* value) {

@@ -18,8 +18,6 @@ SAMPLE_SENSOR_EXPORT int CameraSensorI2CRead(uint16_t slaveAddress, uint16_t reg
 SAMPLE_SENSOR_EXPORT int CameraEepromRead(uint32_t offset, uint8_t* buffer, uint32_t length);
 SAMPLE_SENSOR_EXPORT int CameraActuatorMove(int32_t position);
 SAMPLE_SENSOR_EXPORT int CameraOisEnable(int enable);
-// The bus write underneath CameraSensorI2CWrite, for guard functions that let a write through.
-SAMPLE_SENSOR_EXPORT int CameraSensorBusWrite(uint16_t slaveAddress, uint16_t reg, uint16_t value);
 // The current actuator position (for checks).
 SAMPLE_SENSOR_EXPORT int32_t CameraActuatorPosition(void);
 

@@ -3,7 +3,11 @@
 #pragma once
 
 #include <errno.h>
+#include <linux/sockios.h>
+#include <poll.h>
 #include <string.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -11,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
@@ -216,22 +221,41 @@ inline sockaddr_un Address(const std::string& path) {
     return address;
 }
 
-// A connected client socket whose reads give up after ten seconds, closed when it goes away.
+// A client socket whose reads give up after ten seconds, closed when it goes away.
 class ClientSocket {
   public:
-    explicit ClientSocket(const std::string& path) : m_fd(socket(AF_UNIX, SOCK_STREAM, 0)) {
-        sockaddr_un address = Address(path);
-        m_connected = connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    ClientSocket() : m_fd(socket(AF_UNIX, SOCK_STREAM, 0)) {
         timeval deadline = {10, 0};
         setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof(deadline));
     }
+    // Connected at once.
+    explicit ClientSocket(const std::string& path) : ClientSocket() { Connect(path); }
     ~ClientSocket() { close(m_fd); }
     ClientSocket(const ClientSocket&) = delete;
     ClientSocket& operator=(const ClientSocket&) = delete;
+    bool Connect(const std::string& path) {
+        sockaddr_un address = Address(path);
+        m_connected = connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+        return m_connected;
+    }
     bool connected() const { return m_connected; }
-    bool Send(const VXCDBMessageString& frame) {
-        return send(m_fd, &frame, sizeof(frame), MSG_NOSIGNAL) ==
-               static_cast<ssize_t>(sizeof(frame));
+    int fd() const { return m_fd; }
+    bool Send(const VXCDBMessageString& frame) { return SendBytes(&frame, sizeof(frame)); }
+    // Sends the frame in pieces cut at the offsets `cuts` (ascending); each piece is sent only
+    // once the server has read the one before, so that the server sees them apart.
+    bool SendInPieces(const VXCDBMessageString& frame, const std::vector<size_t>& cuts) {
+        const char* bytes = reinterpret_cast<const char*>(&frame);
+        size_t from = 0;
+        for (size_t to : cuts) {
+            if (!SendBytes(bytes + from, to - from) || !corvanetest::WaitFor([&] {
+                    int unread = -1;
+                    return ioctl(m_fd, SIOCOUTQ, &unread) == 0 && unread == 0;
+                })) {
+                return false;
+            }
+            from = to;
+        }
+        return SendBytes(bytes + from, sizeof(frame) - from);
     }
     enum class Received { kFrame, kClosed, kTimeout };
     // Reads one whole frame, or reports the end of the connection or the deadline.
@@ -246,11 +270,47 @@ class ClientSocket {
         char byte;
         return recv(m_fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && errno == EAGAIN;
     }
+    // True when the server has closed its end and nothing is left to read.
+    bool ClosedByServer() {
+        char byte;
+        return recv(m_fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
+    }
 
   private:
+    bool SendBytes(const void* bytes, size_t size) {
+        return send(m_fd, bytes, size, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
+    }
+
     int m_fd;
     bool m_connected = false;
 };
+
+// Threads and descriptors of this process, from /proc (the listing's own descriptor left out).
+inline int CountEntries(const char* directory) {
+    auto entries = std::filesystem::directory_iterator(directory);
+    int count = static_cast<int>(std::distance(begin(entries), end(entries)));
+    return count - (strcmp(directory, "/proc/self/fd") == 0);
+}
+inline int ThreadCount() {
+    return CountEntries("/proc/self/task");
+}
+inline int DescriptorCount() {
+    return CountEntries("/proc/self/fd");
+}
+
+// Raises this process's soft descriptor limit to at least `wanted` (as far as the hard limit
+// allows); false when it cannot reach it.
+inline bool RaiseDescriptorLimit(rlim_t wanted) {
+    rlimit limit = {};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return false;
+    }
+    if (limit.rlim_cur >= wanted) {
+        return true;
+    }
+    limit.rlim_cur = std::min(wanted, limit.rlim_max);
+    return setrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur == wanted;
+}
 
 inline bool WaitConnectable(const std::string& path) {
     return corvanetest::WaitFor([&] { return ClientSocket(path).connected(); });

@@ -1,5 +1,8 @@
 // The commands that need the hook engine, through real frames on a real controller whose engine
 // is a stand-in: the tables they answer with and what they ask of the engine.
+#include <map>
+#include <regex>
+
 #include "tests/channel/channeltestutil.h"
 
 namespace {
@@ -114,26 +117,55 @@ TEST_F(EngineCommands, StatusOfAGroupFollowsItsHooks) {
               TableEntries(header, {"empty,<unkonwn>,<unkonwn>,<unkonwn>,<unkonwn>,<not find>"}));
 }
 
-TEST_F(EngineCommands, FirmwareCommandIsHandedToTheEngineOnlyWhenEveryNumberIsInRange) {
+TEST_F(EngineCommands, FirmwareCommandIsHandedToTheEngineWhenEveryFieldIsAByte) {
     const Entries executed = {{"type", {"string"}}, {"message", {"command executed successfully"}}};
     EXPECT_EQ(Inject({"firmware", "1", "2", "3", "4", "delay", "100"}), executed);
     EXPECT_EQ(Inject({"firmware", "0", "255", "0", "9"}), executed);
+    // A cmd id the engine does not act on is still its to ignore.
+    EXPECT_EQ(Inject({"firmware", "3", "0", "0", "0"}), executed);
+    EXPECT_EQ(Inject({"firmware", "+255", "0", "0", "0"}), executed);
 
     const std::vector<std::pair<std::vector<std::string>, std::string>> refused = {
-        {{"3", "0", "0", "0"}, "cmd id must be 0 (inject), 1 (remove) or 2 (clear all), got '3'"},
-        {{"x", "0", "0", "0"}, "cmd id must be 0 (inject), 1 (remove) or 2 (clear all), got 'x'"},
+        {{"x", "0", "0", "0"}, "cmd id must be a number from 0 to 255, got 'x'"},
+        {{"256", "0", "0", "0"}, "cmd id must be a number from 0 to 255, got '256'"},
         {{"0", "256", "0", "0"}, "camera module id must be a number from 0 to 255, got '256'"},
         {{"0", "0", "-1", "0"}, "subdevice id must be a number from 0 to 255, got '-1'"},
         {{"0", "0", "0", "1.5"}, "interface id must be a number from 0 to 255, got '1.5'"},
         {{"0", "0", "0", " 7"}, "interface id must be a number from 0 to 255, got ' 7'"},
+        {{"0", "0", "0", ""}, "interface id must be a number from 0 to 255, got ''"},
     };
     for (const auto& [numbers, detail] : refused) {
         std::vector<std::string> arguments = {"firmware"};
         arguments.insert(arguments.end(), numbers.begin(), numbers.end());
         EXPECT_EQ(Inject(arguments), ErrorEntries("Invalid firmware parameters: " + detail));
     }
-    EXPECT_EQ(m_engine.processed,
-              (std::vector<HookFw>{{1, 2, 3, 4, "delay 100"}, {0, 255, 0, 9, ""}}));
+    EXPECT_EQ(
+        m_engine.processed,
+        (std::vector<HookFw>{
+            {1, 2, 3, 4, "delay 100"}, {0, 255, 0, 9, ""}, {3, 0, 0, 0, ""}, {255, 0, 0, 0, ""}}));
+}
+
+// The controller's methods are written in several source files; their lines all name the main
+// one, each with its real line number.
+TEST_F(EngineCommands, ControllerLinesNameOneSourceFile) {
+    corvanetest::LogCapture log;
+    Inject({"result"});
+    std::map<std::string, int> lineOf;
+    const std::regex shape(R"(corvanesystem\.cpp:([0-9]+) (\w+\(\) .*))");
+    for (const corvanetest::LogLine& line : log.Lines()) {
+        std::smatch match;
+        if (line.tag == "[CORVANESYS]" && std::regex_match(line.message, match, shape)) {
+            lineOf[match[2]] = std::stoi(match[1]);
+        }
+    }
+    for (const char* text :
+         {"ExecuteCommand() Receive moduleType 0", "ExecuteCommand() Receive moduleName corvane",
+          "HandleInjectCommand() subArgs size is 1",
+          "SetResultVXCDBMessage() hookRelationship size: 0"}) {
+        EXPECT_EQ(lineOf.count(text), 1u) << text << "\n" << log.Dump();
+    }
+    EXPECT_EQ(lineOf["ExecuteCommand() Receive moduleName corvane"],
+              lineOf["ExecuteCommand() Receive moduleType 0"] + 1);
 }
 
 }  // namespace

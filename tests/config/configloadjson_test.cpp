@@ -25,8 +25,9 @@ TEST(ConfigLoadFactory, OnlyJsonFilesOfReadableValidJsonGiveAReader) {
     WriteTextFile(dir / "bad.json", "{\"a\": }");
     struct Case {
         ConfigLoadCreateData data;
-        const char* expectedLog;  // null: a reader is returned
-        int initialized;          // what Initialize returns on the same data
+        const char* expectedLog;           // null: a reader is returned
+        int initialized;                   // what Initialize returns on the same data
+        const char* parseError = nullptr;  // Create's second line: where the JSON breaks
     } cases[] = {
         {{CONFIG_FILE_TYPE_JSON, dir / "good.json"}, nullptr, CONFIG_LOAD_OK},
         {{1, dir / "good.json"}, "Error fileType", CONFIG_LOAD_INVALID},
@@ -35,7 +36,8 @@ TEST(ConfigLoadFactory, OnlyJsonFilesOfReadableValidJsonGiveAReader) {
          CONFIG_LOAD_NO_FILE},
         {{CONFIG_FILE_TYPE_JSON, dir / "bad.json"},
          "Failed to initialize ConfigLoadJson: ",
-         CONFIG_LOAD_INVALID},
+         CONFIG_LOAD_INVALID,
+         "bad.json is not valid JSON at line 1, column 7 (byte offset 6): Invalid value."},
         {{CONFIG_FILE_TYPE_JSON, dir.path()},
          "Failed to initialize ConfigLoadJson: ",
          CONFIG_LOAD_NO_FILE},
@@ -45,7 +47,9 @@ TEST(ConfigLoadFactory, OnlyJsonFilesOfReadableValidJsonGiveAReader) {
         LogCapture log;
         std::unique_ptr<ConfigLoad> loader(Configloadfactory::CreateObject(c.data));
         EXPECT_EQ(loader == nullptr, c.expectedLog != nullptr);
-        EXPECT_EQ(log.Lines().size(), c.expectedLog ? 1u : 0u) << log.Dump();
+        EXPECT_EQ(log.Lines().size(), c.expectedLog ? (c.parseError ? 2u : 1u) : 0u) << log.Dump();
+        EXPECT_EQ(log.Count(c.parseError ? c.parseError : "is not valid JSON"),
+                  c.parseError ? 1 : 0);
         if (c.expectedLog != nullptr) {
             EXPECT_EQ(log.Count(c.expectedLog), 1) << log.Dump();
             EXPECT_EQ(log.Contains(c.data.fileName), c.data.fileType == CONFIG_FILE_TYPE_JSON);

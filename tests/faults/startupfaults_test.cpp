@@ -83,11 +83,17 @@ const StartupFault kFaults[] = {
       {{"corvane", "--inject", "sensor_i2c_fault"}, 1, "Hook operation not initialized"}}},
     {"HookCaseFileEmpty",
      Write(kHookCaseFile, ""),
-     {"Failed to initialize ConfigLoadJson: @/odm/etc/camera/corvanesystem_hook_case.json"},
+     {"Failed to initialize ConfigLoadJson: @/odm/etc/camera/corvanesystem_hook_case.json",
+      "@/odm/etc/camera/corvanesystem_hook_case.json is not valid JSON at line 1, column 1 (byte "
+      "offset 0): The document is empty."},
      {kHelpAnswers, {{"corvane", "--inject", "query"}, 0, "(no rows)"}, kNoGroups}},
+    // A missing comma: the place is logged, and the guard that is therefore off says so.
     {"HookCaseFileMalformed",
-     Write(kHookCaseFile, "{\"HOOK_GROUP\": [{\"group_id\": 1,"),
-     {"Failed to initialize ConfigLoadJson: @/odm/etc/camera/corvanesystem_hook_case.json"},
+     Write(kHookCaseFile, "{\"HOOK_GROUP\": [\n  {\"group_id\": 1 \"group_name\": \"x\"}]}"),
+     {"Failed to initialize ConfigLoadJson: @/odm/etc/camera/corvanesystem_hook_case.json",
+      "@/odm/etc/camera/corvanesystem_hook_case.json is not valid JSON at line 2, column 18 (byte "
+      "offset 34): Missing a comma or '}' after an object member.",
+      "protection scheme: SENSORI2C hook group: sensor_i2c_guard is not in force"},
      {kHelpAnswers, kNoGroups}},
     {"ProtectionFileMissing",
      [](SupervisedService& s) { Remove(s, kProtectionFile); },

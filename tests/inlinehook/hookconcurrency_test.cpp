@@ -18,7 +18,6 @@ namespace {
 using inlinehooktest::Bytes;
 using inlinehooktest::Code;
 using inlinehooktest::IntFunction;
-using inlinehooktest::Orig;
 using inlinehooktest::Symbol;
 using inlinehooktest::Unary;
 
@@ -45,7 +44,8 @@ constexpr int kInputs = 64;
 
 void* g_baseOrig = nullptr;
 double PermanentBase(double x) {
-    return Orig<Unary>(&g_baseOrig)(x) - 1.0;
+    SHADOWHOOK_STACK_SCOPE();
+    return SHADOWHOOK_CALL_PREV(PermanentBase, x) - 1.0;
 }
 
 class HookConcurrencyTest : public ::testing::TestWithParam<Target> {

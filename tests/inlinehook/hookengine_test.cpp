@@ -1,6 +1,7 @@
 // The engine on real functions of system libraries (libm, libz) and of a hand-written test
 // library: results through the hook and through orig, the entry jump and byte-exact restore,
-// shared-mode chains, refusals that touch nothing, and relays kept out of use for a grace period.
+// shared-mode chains, refusals that touch nothing, and chain nodes kept out of use for a grace
+// period.
 #include "platform/host/inlinehook/hookengine.h"
 
 #include <math.h>
@@ -76,11 +77,13 @@ void ExpectOnlyTheEntryJump(const std::vector<uint8_t>& before, const std::vecto
 
 void* g_binaryOrig = nullptr;
 double BinaryReplacement(double x, double y) {
-    return Orig<Binary>(&g_binaryOrig)(x, y) + 1000.0;
+    SHADOWHOOK_STACK_SCOPE();
+    return SHADOWHOOK_CALL_PREV(BinaryReplacement, x, y) + 1000.0;
 }
 void* g_checksumOrig = nullptr;
 unsigned long ChecksumReplacement(unsigned long seed, const unsigned char* data, unsigned n) {
-    return Orig<Checksum>(&g_checksumOrig)(seed, data, n) ^ 0x5a5a5a5aUL;
+    SHADOWHOOK_STACK_SCOPE();
+    return SHADOWHOOK_CALL_PREV(ChecksumReplacement, seed, data, n) ^ 0x5a5a5a5aUL;
 }
 
 // A real function, how to call it with the i-th test input (result as exact bits), and the
@@ -235,8 +238,9 @@ thread_local std::string t_trace;
 void* g_chainOrig[3] = {};
 template <int N>
 double ChainReplacement(double x) {
+    SHADOWHOOK_STACK_SCOPE();
     t_trace += static_cast<char>('1' + N);
-    return Orig<Unary>(&g_chainOrig[N])(x) + (N == 0 ? 1 : N == 1 ? 10 : 100);
+    return SHADOWHOOK_CALL_PREV(ChainReplacement<N>, x) + (N == 0 ? 1 : N == 1 ? 10 : 100);
 }
 const Unary kChain[3] = {ChainReplacement<0>, ChainReplacement<1>, ChainReplacement<2>};
 
@@ -282,12 +286,10 @@ TEST_F(HookEngineTest, SharedChainsRunNewestFirstAndSurviveRemovalInAnyOrder) {
     EXPECT_EQ(6, permutations);
 }
 
-TEST_F(HookEngineTest, RelaysOfRemovedHooksAreReusedOnlyAfterTheGracePeriod) {
+TEST_F(HookEngineTest, ChainNodesOfRemovedHooksAreReusedOnlyAfterTheGracePeriod) {
     using corvane::inlinehook::HookEngine;
     HookEngine& engine = HookEngine::Instance();
     void* address = Symbol("libm.so.6", "erf");
-    // The first hook of a function runs the original through the trampoline; later hooks each
-    // need a relay.
     void* base = shadowhook_hook_sym_addr(address, Code(kChain[0]), &g_chainOrig[0]);
     ASSERT_NE(nullptr, base);
     auto cycle = [&]() {
@@ -302,16 +304,16 @@ TEST_F(HookEngineTest, RelaysOfRemovedHooksAreReusedOnlyAfterTheGracePeriod) {
     }
     HookEngine::Statistics held = engine.GetStatistics();
     EXPECT_EQ(start.sites, held.sites) << "the function's trampoline is reused";
-    EXPECT_EQ(start.relaysAllocated + 50, held.relaysAllocated)
-        << "within the grace period every removed relay is kept out of use";
+    EXPECT_EQ(start.chainNodes + 50, held.chainNodes)
+        << "within the grace period every removed node is kept out of use";
 
-    engine.SetRelayGracePeriod(std::chrono::milliseconds(0));
+    engine.SetGracePeriod(std::chrono::milliseconds(0));
     for (int i = 0; i < 500; ++i) {
         cycle();
     }
     HookEngine::Statistics recycled = engine.GetStatistics();
-    engine.SetRelayGracePeriod(HookEngine::kDefaultRelayGracePeriod);
-    EXPECT_EQ(held.relaysAllocated, recycled.relaysAllocated) << "relays reused, none carved";
+    engine.SetGracePeriod(HookEngine::kDefaultGracePeriod);
+    EXPECT_EQ(held.chainNodes, recycled.chainNodes) << "nodes reused, none made";
     EXPECT_EQ(held.islandBytes, recycled.islandBytes);
     EXPECT_EQ(held.islands, recycled.islands);
     EXPECT_EQ(0, shadowhook_unhook(base));
@@ -364,7 +366,8 @@ TEST_F(HookEngineTest, RefusedHooksTouchNothing) {
 // library), each with a chain of two hooks removed innermost first.
 void* g_outerOrig = nullptr;
 int PlusOne(int x) {
-    return Orig<IntFunction>(&g_outerOrig)(x) + 1;
+    SHADOWHOOK_STACK_SCOPE();
+    return SHADOWHOOK_CALL_PREV(PlusOne, x) + 1;
 }
 
 TEST_F(HookEngineTest, HandWrittenEntriesArePatchedChainedAndRestored) {

@@ -62,15 +62,17 @@ Function Orig(void* const* slot) {
     return reinterpret_cast<Function>(__atomic_load_n(slot, __ATOMIC_ACQUIRE));
 }
 
-// Replacements that run the original through their orig entry and change its result in a way
-// the tests predict, so a result tells whether the hook ran.
+// Replacements that run what they replaced and change its result in a way the tests predict, so
+// a result tells whether the hook ran. The orig slots receive the original function.
 inline void* g_unaryOrig = nullptr;
 inline double PlusThousand(double x) {
-    return Orig<Unary>(&g_unaryOrig)(x) + 1000.0;
+    SHADOWHOOK_STACK_SCOPE();
+    return SHADOWHOOK_CALL_PREV(PlusThousand, x) + 1000.0;
 }
 inline void* g_intOrig = nullptr;
 inline int Twice(int x) {
-    return Orig<IntFunction>(&g_intOrig)(x) * 2;
+    SHADOWHOOK_STACK_SCOPE();
+    return SHADOWHOOK_CALL_PREV(Twice, x) * 2;
 }
 
 // Scenarios that need the engine uninitialised run in a forked child; that only works if this

@@ -334,7 +334,9 @@ const int kInputs[] = {-1000, -20, -11, -1, 0, 1, 2, 7, 8, 9, 10, 11, 12, 77, 10
 
 void* g_orig = nullptr;
 int Replacement(int x) {
-    return Call(reinterpret_cast<uintptr_t>(__atomic_load_n(&g_orig, __ATOMIC_ACQUIRE)), x) * 3 + 1;
+    SHADOWHOOK_STACK_SCOPE();
+    return Call(reinterpret_cast<uintptr_t>(shadowhook_get_prev_func(Code(Replacement))), x) * 3 +
+           1;
 }
 
 // A sealed page holding `code` at kCode with the bodies, helper and data it uses.

@@ -19,11 +19,17 @@ using inlinehooktest::Unary;
 
 void* g_origA = nullptr;
 double ReplacementA(double x) {
-    return inlinehooktest::Orig<Unary>(&g_origA)(x) + 1.0;
+    SHADOWHOOK_STACK_SCOPE();
+    return SHADOWHOOK_CALL_PREV(ReplacementA, x) + 1.0;
 }
 void* g_origB = nullptr;
 double ReplacementB(double x) {
-    return inlinehooktest::Orig<Unary>(&g_origB)(x) + 2.0;
+    SHADOWHOOK_STACK_SCOPE();
+    return SHADOWHOOK_CALL_PREV(ReplacementB, x) + 2.0;
+}
+double MinusOne(double) {
+    SHADOWHOOK_POP_STACK();
+    return -1.0;
 }
 
 void* const kReplacementA = reinterpret_cast<void*>(ReplacementA);
@@ -154,8 +160,7 @@ TEST_F(ShadowhookTest, InvalidCallsFailWithTheirErrorNumber) {
 TEST_F(ShadowhookTest, OrigIsOptional) {
     void* address = Symbol("libm.so.6", "fabs");
     // A replacement that does not need the original.
-    void* stub = shadowhook_hook_sym_addr(
-        address, reinterpret_cast<void*>(+[](double) { return -1.0; }), nullptr);
+    void* stub = shadowhook_hook_sym_addr(address, reinterpret_cast<void*>(MinusOne), nullptr);
     ASSERT_NE(nullptr, stub) << shadowhook_to_errmsg(shadowhook_get_errno());
     EXPECT_EQ(-1.0, reinterpret_cast<Unary>(address)(5.0));
     EXPECT_EQ(0, shadowhook_unhook(stub));

@@ -12,6 +12,20 @@
 
 namespace corvanetest {
 
+// Sanitizer builds reserve terabytes of address space up front and keep freed memory in a
+// quarantine, so tests of address-space limits and of resident memory do not apply to them.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kUnderSanitizer = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr bool kUnderSanitizer = true;
+#else
+constexpr bool kUnderSanitizer = false;
+#endif
+#else
+constexpr bool kUnderSanitizer = false;
+#endif
+
 // Directory of the built shared libraries (host stand-ins, the core library, samples).
 std::string LibDir();
 std::string BinDir();

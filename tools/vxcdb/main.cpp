@@ -8,9 +8,11 @@
 #include "core/controller/corvanesystemimpl.h"
 #include "core/controller/vxcdbprotocol.h"
 #include "platform/devicepath.h"
+#include "tools/vxcdb/vxcdbcampaign.h"
 #include "tools/vxcdb/vxcdbcheck.h"
 #include "tools/vxcdb/vxcdbcommandline.h"
 #include "tools/vxcdb/vxcdbconnection.h"
+#include "tools/vxcdb/vxcdbhints.h"
 #include "tools/vxcdb/vxcdbreplyprinter.h"
 
 namespace {
@@ -28,6 +30,28 @@ int Fail(int code, const std::string& message) {
     return code;
 }
 
+// The service raises signals 1 and 6 in itself before it replies, and its supervisor (init on a
+// device) starts it again: the connection closing without a reply is that restart, not a fault.
+int ReportRestart(const vxcdb::CommandLine& commandLine, int signal) {
+    VXCDBMessage reply;
+    reply.set_modulename(commandLine.request.modulename());
+    reply.set_moduletype(commandLine.request.moduletype());
+    VXCDBMessage_CDBCmd* type = reply.add_cmds();
+    type->set_options(VXCDB_KEY_TYPE);
+    type->add_arguments(VXCDB_TYPE_STRING);
+    VXCDBMessage_CDBCmd* message = reply.add_cmds();
+    message->set_options(VXCDB_KEY_MESSAGE);
+    message->add_arguments("signal " + std::to_string(signal) +
+                           " raised: the camera service is restarting (it closed the connection "
+                           "without a reply, as expected)");
+    if (commandLine.json) {
+        vxcdb::PrintReplyJson(reply, std::cout);
+    } else {
+        vxcdb::PrintReplyText(reply, std::cout, std::cerr);
+    }
+    return kExitOk;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -43,6 +67,9 @@ int main(int argc, char** argv) {
     }
     if (commandLine.check) {
         return vxcdb::RunCheck(commandLine.checkFile, commandLine.checkSysroot, std::cout);
+    }
+    if (!commandLine.campaignFile.empty()) {
+        return vxcdb::RunCampaignCommand(commandLine, argv[0]);
     }
 
     VXCDBMessageString request;
@@ -66,10 +93,17 @@ int main(int argc, char** argv) {
         case vxcdb::ExchangeStatus::kOk:
             break;
         case vxcdb::ExchangeStatus::kCannotConnect:
-            return Fail(kExitCannotConnect, exchange.detail);
+            Fail(kExitCannotConnect, exchange.detail);
+            std::cerr << "hint: "
+                      << vxcdb::HintForConnectionFailure(!commandLine.socketPath.empty()) << '\n';
+            return kExitCannotConnect;
         case vxcdb::ExchangeStatus::kTimeout:
             return Fail(kExitTimeout, exchange.detail);
         case vxcdb::ExchangeStatus::kClosed:
+            if (int signal = vxcdb::RestartSignal(commandLine.request);
+                signal != 0 && !exchange.partialReply) {
+                return ReportRestart(commandLine, signal);
+            }
             return Fail(kExitNoUsableReply, exchange.detail);
     }
 

@@ -9,8 +9,9 @@ namespace vxcdb {
 
 namespace {
 
-// Module names with a module type of their own; any other name is sent without one.
-constexpr const char* kModuleCorvane = "corvane";
+// "debug" is sent with the module type DEBUG; every other name, "corvane" and names the service
+// does not know alike, with CORVANE. The service looks the name up itself and answers an unknown
+// one with "Unknown module", whereas a request without a type would only come back unanswered.
 constexpr const char* kModuleDebug = "debug";
 
 // The library refuses an option without arguments; "help" needs none, so the tool supplies one.
@@ -113,12 +114,35 @@ bool ParseCommandLine(int argc, const char* const* argv, CommandLine* commandLin
                 *error = "--socket needs a path";
                 return false;
             }
+        } else if (NameIs(word, "--campaign") || NameIs(word, "--junit")) {
+            const std::string name = word.compare(0, 7, "--junit") == 0 ? "--junit" : "--campaign";
+            std::string* value =
+                name == "--junit" ? &commandLine->junitFile : &commandLine->campaignFile;
+            if (!TakeValue(words, &i, name, value, error)) {
+                return false;
+            }
+            if (value->empty()) {
+                *error = name + " needs a file";
+                return false;
+            }
         } else if (word.compare(0, 1, "-") == 0) {
             *error = "unknown tool option '" + word + "' (tool options come before the module)";
             return false;
         } else {
             break;
         }
+    }
+    if (!commandLine->campaignFile.empty()) {
+        if (i != words.size()) {
+            *error = "--campaign runs the steps of its file; no module or option may follow ('" +
+                     words[i] + "')";
+            return false;
+        }
+        return true;
+    }
+    if (!commandLine->junitFile.empty()) {
+        *error = "--junit writes the report of a campaign; it needs --campaign FILE";
+        return false;
     }
     if (i == words.size()) {
         *error = "missing module name";
@@ -127,11 +151,7 @@ bool ParseCommandLine(int argc, const char* const* argv, CommandLine* commandLin
     VXCDBMessage& request = commandLine->request;
     const std::string& module = words[i++];
     request.set_modulename(module);
-    if (module == kModuleCorvane) {
-        request.set_moduletype(VXCDBMessage::CORVANE);
-    } else if (module == kModuleDebug) {
-        request.set_moduletype(VXCDBMessage::DEBUG);
-    }
+    request.set_moduletype(module == kModuleDebug ? VXCDBMessage::DEBUG : VXCDBMessage::CORVANE);
 
     VXCDBMessage_CDBCmd* command = nullptr;
     bool argumentsOnly = false;
@@ -171,6 +191,7 @@ const char* UsageText() {
            "[ARGUMENT]...]...\n"
            "       vxcdb --help\n"
            "       vxcdb --check [--sysroot DIR] FILE\n"
+           "       vxcdb [--json] [--junit FILE] --campaign FILE\n"
            "\n"
            "Sends one request to the camera service's debug channel and prints its reply.\n"
            "Every --OPTION after MODULE is one command; the words after it are its arguments.\n"
@@ -199,9 +220,12 @@ const char* UsageText() {
            "/data/vendor/camera/vxcdb_socket,\n"
            "                      under $CORVANE_SYSROOT when that is set)\n"
            "  --help, -h          this text\n"
+           "  --campaign FILE     run the fault campaign of FILE (JSON; see docs/campaigns.md)\n"
+           "  --junit FILE        with --campaign: also write a JUnit XML report to FILE\n"
            "\n"
            "Exit status: 0 success, 1 the reply reports an error, 2 bad command line,\n"
-           "3 cannot connect, 4 no reply before the timeout, 5 no usable reply.\n";
+           "3 cannot connect, 4 no reply before the timeout, 5 no usable reply;\n"
+           "with --campaign: 10 a step did not pass, 2 also a bad campaign file.\n";
 }
 
 }  // namespace vxcdb

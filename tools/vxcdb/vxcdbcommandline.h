@@ -2,6 +2,7 @@
 //   vxcdb [--json] [--timeout SECONDS] [--socket PATH] MODULE --OPTION [ARG...] [--OPTION
 //   [ARG...]]... vxcdb --help
 //   vxcdb --check [--sysroot DIR] FILE
+//   vxcdb [--json] [--timeout SECONDS] [--socket PATH] [--junit FILE] --campaign FILE
 // Tool options come before the module name. After it, every word that starts with "--" begins a
 // new command (the word without its dashes is the option), the words up to the next one are its
 // arguments; a lone "--" makes every following word an argument of the current command.
@@ -17,8 +18,10 @@ struct CommandLine {
     bool showUsage = false;  // "--help" before any module: print the tool's usage locally
     bool json = false;
     double timeoutSeconds = 5.0;
-    std::string socketPath;  // empty: the device path (CORVANE_SYSROOT applied on a host)
-    VXCDBMessage request;    // one message: module name and type, one command per option
+    std::string socketPath;    // empty: the device path (CORVANE_SYSROOT applied on a host)
+    VXCDBMessage request;      // one message: module name and type, one command per option
+    std::string campaignFile;  // "--campaign FILE": run a fault campaign instead of one request
+    std::string junitFile;     // "--junit FILE" (campaigns only): also write a JUnit XML report
     // "--check [--sysroot DIR] FILE": check a configuration file locally instead of a request.
     bool check = false;
     std::string checkFile;

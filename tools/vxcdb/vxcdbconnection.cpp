@@ -58,6 +58,14 @@ ExchangeResult Exchange(const std::string& socketPath, const VXCDBMessageString&
         return Fail(ExchangeStatus::kCannotConnect,
                     "cannot connect to " + socketPath + ": " + ErrorText(error));
     }
+    // Tells a restarted service from the one before: a campaign must notice a restart even when
+    // the supervisor brought the service back between two of its requests.
+    pid_t serverPid = -1;
+    ucred peer = {};
+    socklen_t peerSize = sizeof(peer);
+    if (getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &peer, &peerSize) == 0) {
+        serverPid = peer.pid;
+    }
 
     const char* out = reinterpret_cast<const char*>(&request);
     size_t sent = 0;
@@ -91,14 +99,19 @@ ExchangeResult Exchange(const std::string& socketPath, const VXCDBMessageString&
             continue;
         }
         if (n <= 0) {
-            return Fail(ExchangeStatus::kClosed,
-                        received == 0 ? "the server closed the connection without a reply"
-                                      : "the server closed the connection in the middle of "
-                                        "the reply");
+            ExchangeResult closed =
+                Fail(ExchangeStatus::kClosed,
+                     received == 0 ? "the server closed the connection without a reply"
+                                   : "the server closed the connection in the middle of "
+                                     "the reply");
+            closed.partialReply = received > 0;
+            return closed;
         }
         received += static_cast<size_t>(n);
     }
-    return {};
+    ExchangeResult result;
+    result.serverPid = serverPid;
+    return result;
 }
 
 }  // namespace vxcdb

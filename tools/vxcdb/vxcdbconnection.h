@@ -1,6 +1,8 @@
 // One request/reply exchange with the debug server over its local socket, within a deadline.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
 #include "core/controller/vxcdbmessagestring.h"
@@ -16,7 +18,9 @@ enum class ExchangeStatus {
 
 struct ExchangeResult {
     ExchangeStatus status = ExchangeStatus::kOk;
-    std::string detail;  // what went wrong, for the user
+    std::string detail;         // what went wrong, for the user
+    bool partialReply = false;  // kClosed: part of a reply frame had arrived
+    pid_t serverPid = -1;  // the process that listens on the socket, once connected (-1: unknown)
 };
 
 // Connects to `socketPath`, sends `request` and reads the first reply frame into `*reply`.

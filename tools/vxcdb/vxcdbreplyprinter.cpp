@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "core/controller/vxcdbprotocol.h"
+#include "tools/vxcdb/vxcdbhints.h"
 #include "utils/stringutils.h"
 
 namespace vxcdb {
@@ -50,6 +51,8 @@ std::string TrimRight(std::string line) {
     return line;
 }
 
+}  // namespace
+
 void PrintTable(const ReplyItem& table, std::ostream& out) {
     size_t columns = table.columns.size();
     for (const auto& row : table.rows) {
@@ -82,6 +85,8 @@ void PrintTable(const ReplyItem& table, std::ostream& out) {
         out << "(no rows)\n";
     }
 }
+
+namespace {
 
 void PrintText(std::ostream& out, const std::string& text) {
     out << text;
@@ -151,7 +156,12 @@ void PrintReplyText(const VXCDBMessage& reply, std::ostream& out, std::ostream& 
         if (item.isTable) {
             PrintTable(item, out);
         } else if (item.key == VXCDB_KEY_ERROR) {
-            err << "error: " << (item.values.empty() ? "" : item.values[0]) << '\n';
+            const std::string error = item.values.empty() ? "" : item.values[0];
+            err << "error: " << error << '\n';
+            const std::string hint = HintForError(error);
+            if (!hint.empty()) {
+                err << "hint: " << hint << '\n';
+            }
             for (size_t i = 1; i < item.values.size(); ++i) {
                 errorHelp = item.values[i];
             }

@@ -33,6 +33,10 @@ void PrintReplyText(const VXCDBMessage& reply, std::ostream& out, std::ostream& 
 // "rows"}]} followed by a line feed.
 void PrintReplyJson(const VXCDBMessage& reply, std::ostream& out);
 
+// One table in the aligned style of the replies: the header centred, a line of dashes, the rows
+// left-aligned, two blanks between columns; "(no rows)" under a table without rows.
+void PrintTable(const ReplyItem& table, std::ostream& out);
+
 // Width of a UTF-8 text on a terminal: East Asian wide characters count two columns.
 int DisplayWidth(const std::string& text);
 

@@ -32,6 +32,35 @@ void CloseHandle(void*& handle) {
     }
 }
 
+// The loader's own reason for the last failure, which names what is really wrong (a missing
+// file, a missing dependency, an undefined symbol); errno after a failed dlopen often says
+// "Success". Reading it also clears it.
+std::string LoaderError() {
+    const char* text = dlerror();
+    return text == nullptr ? "no error text from the loader" : text;
+}
+
+// Beside the "Failed to open" line, which names only the library: which hook needed it, for
+// which symbol, and the loader's reason.
+void LogLoadFailure(const Hook& hook, const std::string& library, const std::string& symbol,
+                    const std::string& loaderError) {
+    CORVANE_LOGE("hook %s: cannot load %s (for symbol %s): %s", hook.hook_name.c_str(),
+                 library.c_str(), symbol.c_str(), loaderError.c_str());
+}
+
+// dlsym with a log line naming the hook, the library and the symbol when the symbol is not
+// there (a misspelt name, a C++ name without extern "C", a hidden symbol).
+void* LookUp(const Hook& hook, void* handle, const std::string& library,
+             const std::string& symbol) {
+    dlerror();
+    void* address = dlsym(handle, symbol.c_str());
+    if (address == nullptr) {
+        CORVANE_LOGE("hook %s: symbol %s not found in %s: %s", hook.hook_name.c_str(),
+                     symbol.c_str(), library.c_str(), LoaderError().c_str());
+    }
+    return address;
+}
+
 }  // namespace
 
 int HookOperationImpl::DoHook(Hook& hook) {
@@ -69,24 +98,30 @@ int HookOperationImpl::DoHookBySymbolAddress(Hook& hook) {
     int result = 1;
     void* sourceHandle = dlopen(hook.source_lib_name.c_str(), kOpenFlags);
     if (sourceHandle == nullptr) {
+        int openError = errno;
+        std::string loaderError = LoaderError();
         CORVANE_LOGE("Failed to open: %s, error: %s", hook.source_lib_name.c_str(),
-                     strerror(errno));
+                     strerror(openError));
+        LogLoadFailure(hook, hook.source_lib_name, hook.source_function_symbol, loaderError);
         CORVANE_LOGI("sourceHandle: %p, proxyhandle: %p", nullptr, nullptr);
-        dlerror();
     } else {
         void* targetHandle = dlopen(hook.target_lib_name.c_str(), kOpenFlags);
         if (targetHandle == nullptr) {
+            int openError = errno;
+            std::string loaderError = LoaderError();
             CORVANE_LOGE("Failed to open: %s, error: %s", hook.target_lib_name.c_str(),
-                         strerror(errno));
+                         strerror(openError));
+            LogLoadFailure(hook, hook.target_lib_name, hook.target_function_symbol, loaderError);
             CORVANE_LOGI("sourceHandle: %p, proxyhandle: %p", sourceHandle, nullptr);
-            dlerror();
             dlclose(sourceHandle);
         } else {
             CORVANE_LOGI("sourceHandle: %p, proxyhandle: %p", sourceHandle, targetHandle);
             CORVANE_LOGI("sourceFunctionSymbol: %s, targetFunctionSymbol: %s",
                          hook.source_function_symbol.c_str(), hook.target_function_symbol.c_str());
-            void* sourceAddress = dlsym(sourceHandle, hook.source_function_symbol.c_str());
-            void* targetAddress = dlsym(targetHandle, hook.target_function_symbol.c_str());
+            void* sourceAddress =
+                LookUp(hook, sourceHandle, hook.source_lib_name, hook.source_function_symbol);
+            void* targetAddress =
+                LookUp(hook, targetHandle, hook.target_lib_name, hook.target_function_symbol);
             hook.stub = shadowhook_hook_sym_addr(sourceAddress, targetAddress, &hook.orig_addr);
             int errorNumber = shadowhook_get_errno();
             const char* errorMessage = shadowhook_to_errmsg(errorNumber);
@@ -119,6 +154,12 @@ int HookOperationImpl::DoHookCase(HookCase& hookCase) {
     auto& hooks = m_hookConfigInformation.hooks;
     int result = 0;
     for (const std::string& hookName : hookCase.hook_name_list) {
+        auto known = hooks.find(hookName);
+        if (known == hooks.end() || known->second.hook_name.empty()) {
+            // It becomes an empty hook that installs nothing, so the group stays "not ready".
+            CORVANE_LOGE("hook case %s names hook %s, which the hook-case file does not define",
+                         hookCase.case_name.c_str(), hookName.c_str());
+        }
         Hook& hook = hooks[hookName];  // an unknown name becomes an empty hook of type 0
         if (hook.hook_state == 1) {
             continue;
@@ -239,12 +280,31 @@ void HookOperationImpl::HookAllAvailableCase() {
     if (m_pHookDBOperations == nullptr) {
         return;
     }
+    std::vector<HookGroup*> storedGroups;
     for (HookGroup& group : m_hookConfigInformation.hook_groups) {
         group.args_array_list = m_pHookDBOperations->QueryHookGroupArguments(group);
-        if (!m_pHookDBOperations->QueryHookGroupAvailable(group)) {
-            continue;
+        if (m_pHookDBOperations->QueryHookGroupAvailable(group)) {
+            storedGroups.push_back(&group);
         }
-        for (unsigned long caseId : group.case_list) {
+    }
+    if (!storedGroups.empty() && !m_restartGuard.BeginReinstall()) {
+        // The previous starts died soon after installing these groups: leave them out so that
+        // the service stays up and the debug channel answers. They are stored as not available
+        // with their arguments, for the user to look at and inject again.
+        std::vector<std::string> names;
+        for (const HookGroup* group : storedGroups) {
+            names.push_back(group->group_name);
+        }
+        CORVANE_LOGE(
+            "the camera service died within %lld s of re-installing stored hook groups at %d "
+            "starts in a row; not re-installing: %s (stored as not available)",
+            static_cast<long long>(HookRestartGuard::kStayUpWindow.count()),
+            HookRestartGuard::kCrashedStartsBeforeWithholding, StringJoin(names, ", ").c_str());
+        m_pHookDBOperations->AddHookConfigInformation(m_hookConfigInformation);
+        return;
+    }
+    for (HookGroup* group : storedGroups) {
+        for (unsigned long caseId : group->case_list) {
             HookCase& hookCase = m_hookConfigInformation.hook_cases[caseId];
             for (const std::string& hookName : hookCase.hook_name_list) {
                 Hook& hook = m_hookConfigInformation.hooks[hookName];
@@ -261,7 +321,7 @@ void HookOperationImpl::HookAllAvailableCase() {
                 }
             }
         }
-        group.available = true;
+        group->available = true;
     }
     m_pHookDBOperations->AddHookConfigInformation(m_hookConfigInformation);
 }

@@ -122,7 +122,8 @@ void HookOperation::Destroy(HookOperation* hookOperation) {
     delete hookOperation;
 }
 
-HookOperationImpl::HookOperationImpl(HookOperationCreateInputData) {
+HookOperationImpl::HookOperationImpl(HookOperationCreateInputData)
+    : m_restartGuard(DevicePath(HookRestartGuard::kStatePath)) {
     CorvaneSystemConfig* config = CorvaneSystemConfig::GetInstance();
     if (config->IsSubModuleIsEnable(SUBMODULE_INITHOOKSWITCH)) {
         m_pHookDBOperations = HookDBOperations::Create(DevicePath(kHookDbPath), HOOK_DB_TABLE_LIST);

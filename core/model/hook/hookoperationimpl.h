@@ -14,6 +14,7 @@
 
 #include "core/messagecenter/message.h"
 #include "core/model/hook/hookoperation.h"
+#include "core/model/hook/hookrestartguard.h"
 
 class ConfigLoad;
 class HookDBOperations;
@@ -96,4 +97,5 @@ class HookOperationImpl : public HookOperation {
     HookDBOperations* m_pHookDBOperations = nullptr;
     HookFwDBOperations* m_pHookFwDBOperations = nullptr;
     std::vector<HookFw> m_hookFwList;
+    HookRestartGuard m_restartGuard;  // counts starts that re-installed stored groups
 };

@@ -280,6 +280,14 @@ void ProtectionImpl::InstallScheme(const ProtectinoShemeConfig& scheme, int& res
     for (const auto& [groupName, arguments] : scheme.hookGroupList) {
         result = m_pHookOperation->DoHookGroup(groupName, arguments);
         if (result == 0) {
+            if (!m_pHookOperation->IsHookGroupReady(groupName)) {
+                // The engine reports success for a group it does not know (for instance when
+                // the hook-case file did not parse): the guard is then not in force.
+                CORVANE_LOGE(
+                    "protection scheme: %s hook group: %s is not in force: no such "
+                    "group, or its hooks did not install",
+                    scheme.schemeName.c_str(), groupName.c_str());
+            }
             installed.push_back(groupName);
             continue;
         }

@@ -268,39 +268,44 @@ HookStatus HookEngine::CheckOverlap(uintptr_t target, size_t length) const {
     return HookStatus::Ok();
 }
 
-HookStatus HookEngine::AcquireRelay(Site& site, uintptr_t* relay) {
-    auto now = std::chrono::steady_clock::now();
-    if (!site.retiredRelays.empty() &&
-        now - site.retiredRelays.front().second >= m_relayGracePeriod) {
-        *relay = site.retiredRelays.front().first;
-        site.retiredRelays.pop_front();
-        return HookStatus::Ok();  // the caller aims its slot
+HookStatus HookEngine::PrepareHub(Site& site) {
+    if (site.hub == nullptr) {
+        site.hub = new Hub(site.trampoline);
     }
-    HookStatus status = m_islands.Allocate(site.target, kRelaySize, relay);
+    if (m_mode != SHADOWHOOK_MODE_SHARED || site.hubStub != 0) {
+        return HookStatus::Ok();
+    }
+    uintptr_t stub = 0;
+    HookStatus status = m_islands.Allocate(site.target, kHubStubSize, &stub);
     if (!status.ok()) {
         return status;
     }
     CodeWindow window;
-    status = window.Open(*relay, kRelaySize, IslandAllocator::kIslandProt);
+    status = window.Open(stub, kHubStubSize, IslandAllocator::kIslandProt);
     if (!status.ok()) {
-        return status;
+        return status;  // the block stays unused, like a trampoline that failed
     }
-    WriteRelay(*relay, site.trampoline);
-    ++m_relaysAllocated;
+    uint8_t code[kHubStubSize];
+    EncodeHubStub(site.hub, code);
+    CopyToCode(stub, code, sizeof(code));
+    site.hubStub = stub;
     return HookStatus::Ok();
 }
 
-void HookEngine::ReturnUnusedRelay(Site& site, uintptr_t relay) {
-    // Never handed out, so no thread can be using it: reusable at once.
-    site.retiredRelays.emplace_front(relay, std::chrono::steady_clock::time_point());
+void HookEngine::AddToHub(Site& site, const HookRecord& record) {
+    try {
+        site.hub->Add(record.replacement, m_gracePeriod);
+    } catch (...) {
+        m_hooks.erase(record.id);
+        throw;  // out of memory, nothing changed; the C API reports it
+    }
 }
 
-HookEngine::HookRecord* HookEngine::NewRecord(Site& site, uintptr_t replacement, uintptr_t relay) {
+HookEngine::HookRecord* HookEngine::NewRecord(Site& site, uintptr_t replacement) {
     auto record = std::make_unique<HookRecord>();
     record->id = m_nextId++;
     record->site = &site;
     record->replacement = replacement;
-    record->relay = relay;
     HookRecord* raw = record.get();
     m_hooks.emplace(raw->id, std::move(record));
     // So that adding the hook to the chain cannot fail once the hook is live.
@@ -318,14 +323,16 @@ HookStatus HookEngine::OpenTargetWindow(const Site& site, CodeWindow* window) co
 
 HookStatus HookEngine::InstallFirstHook(Site& site, uintptr_t replacement, void** orig,
                                         void** stub) {
-    // The first hook of a function needs no relay of its own: whatever happens to later hooks,
-    // what runs after it is always the original function.
+    HookStatus status = PrepareHub(site);
+    if (!status.ok()) {
+        return status;
+    }
     // Made before the pause: until Resume() nothing may allocate (see ThreadPause).
-    HookRecord* record = NewRecord(site, replacement, 0);
+    HookRecord* record = NewRecord(site, replacement);
+    AddToHub(site, *record);
     CodeWindow islandWindow;
     CodeWindow targetWindow;
-    HookStatus status =
-        islandWindow.Open(site.entryRelay, kRelaySize, IslandAllocator::kIslandProt);
+    status = islandWindow.Open(site.entryRelay, kRelaySize, IslandAllocator::kIslandProt);
     if (status.ok()) {
         status = OpenTargetWindow(site, &targetWindow);
     }
@@ -336,13 +343,14 @@ HookStatus HookEngine::InstallFirstHook(Site& site, uintptr_t replacement, void*
         status = pause.Pause(site.redirects, site.redirectCount);
     }
     if (!status.ok()) {
+        site.hub->Remove(replacement);
         m_hooks.erase(record->id);
         return status;
     }
     if (orig != nullptr) {
         __atomic_store_n(orig, reinterpret_cast<void*>(site.trampoline), __ATOMIC_RELEASE);
     }
-    StoreSlot(SlotOf(site.entryRelay), replacement);
+    StoreSlot(SlotOf(site.entryRelay), site.hubStub != 0 ? site.hubStub : replacement);
     WriteEntry(site.patchAddress, site.patch);
     SyncCores();
     pause.Resume();
@@ -376,34 +384,18 @@ HookStatus HookEngine::AddToChain(Site& site, uintptr_t replacement, void** orig
                        Describe(site.target).c_str(), static_cast<unsigned long>(replacement)));
         }
     }
-    uintptr_t relay = 0;
-    HookStatus status = AcquireRelay(site, &relay);
-    if (!status.ok()) {
-        return status;
-    }
-    CodeWindow window;
-    status = window.Open(relay, kRelaySize, IslandAllocator::kIslandProt);
-    if (status.ok()) {
-        status = window.Open(site.entryRelay, kRelaySize, IslandAllocator::kIslandProt);
-    }
-    if (!status.ok()) {
-        ReturnUnusedRelay(site, relay);
-        return status;
-    }
-    HookRecord* record = NewRecord(site, replacement, relay);
-    // The new relay leads to what ran first until now; it is the new hook's orig entry, published
-    // before the entry relay switches to the new replacement.
-    StoreSlot(SlotOf(relay), LoadSlot(SlotOf(site.entryRelay)));
+    // The orig entry is the original function itself: the chain is walked with
+    // SHADOWHOOK_CALL_PREV, so a caller of orig skips every other replacement, as on a device.
+    HookRecord* record = NewRecord(site, replacement);
+    AddToHub(site, *record);
     if (orig != nullptr) {
-        __atomic_store_n(orig, reinterpret_cast<void*>(relay), __ATOMIC_RELEASE);
+        __atomic_store_n(orig, reinterpret_cast<void*>(site.trampoline), __ATOMIC_RELEASE);
     }
-    StoreSlot(SlotOf(site.entryRelay), replacement);
-    window.Close();
     site.chain.push_back(record);
     *stub = reinterpret_cast<void*>(static_cast<uintptr_t>(record->id));
     INLINEHOOK_LOGI("hooked %s -> %#lx, orig %#lx, stub %p: chained as hook %zu",
                     Describe(site.target).c_str(), static_cast<unsigned long>(replacement),
-                    static_cast<unsigned long>(relay), *stub, site.chain.size());
+                    static_cast<unsigned long>(site.trampoline), *stub, site.chain.size());
     return HookStatus::Ok();
 }
 
@@ -420,45 +412,33 @@ HookStatus HookEngine::Unhook(void* stub) {
     Site& site = *record.site;
     size_t index = static_cast<size_t>(std::find(site.chain.begin(), site.chain.end(), &record) -
                                        site.chain.begin());
-    bool newest = index + 1 == site.chain.size();
     bool last = site.chain.size() == 1;
-
-    // What ran after this hook (the previous hook's replacement, or the original function) now
-    // runs after the hook before it in the chain, or first.
-    uintptr_t next = record.relay != 0 ? LoadSlot(SlotOf(record.relay)) : site.trampoline;
-    uintptr_t redirected = newest ? site.entryRelay : site.chain[index + 1]->relay;
-    CodeWindow islandWindow;
-    CodeWindow targetWindow;
-    HookStatus status = islandWindow.Open(redirected, kRelaySize, IslandAllocator::kIslandProt);
-    ThreadPause pause;
-    bool needPause = last && !CanStoreCodeAtomically(site.patchAddress, kPatchSize);
-    if (status.ok() && last) {
-        status = OpenTargetWindow(site, &targetWindow);
-    }
-    if (status.ok() && needPause) {
-        status = pause.Pause(nullptr, 0);
-    }
-    if (!status.ok()) {
-        return status;  // nothing changed
-    }
-    // The removed hook's own relay keeps leading where it led: a thread still inside the removed
-    // replacement finishes its call through the chain as it was when the call began.
-    StoreSlot(SlotOf(redirected), next);
-    if (last) {
+    if (!last) {
+        // The entry keeps leading to the hub; a thread inside the removed replacement walks on
+        // from its node to the older ones.
+        site.hub->Remove(record.replacement);
+    } else {
+        CodeWindow targetWindow;
+        HookStatus status = OpenTargetWindow(site, &targetWindow);
+        ThreadPause pause;
+        bool needPause = !CanStoreCodeAtomically(site.patchAddress, kPatchSize);
+        if (status.ok() && needPause) {
+            status = pause.Pause(nullptr, 0);
+        }
+        if (!status.ok()) {
+            return status;  // nothing changed
+        }
         WriteEntry(site.patchAddress, site.original + (site.patchAddress - site.target));
         SyncCores();
+        pause.Resume();
+        targetWindow.Close();
+        site.hub->Remove(record.replacement);
     }
-    pause.Resume();
-    targetWindow.Close();
-    islandWindow.Close();
 
     if (last) {
         site.patched = false;
     }
     site.chain.erase(site.chain.begin() + static_cast<std::ptrdiff_t>(index));
-    if (record.relay != 0) {
-        site.retiredRelays.emplace_back(record.relay, std::chrono::steady_clock::now());
-    }
     INLINEHOOK_LOGI(
         "unhooked stub %p from %s: %s", stub, Describe(site.target).c_str(),
         last ? "original bytes restored" : Format("%zu hooks remain", site.chain.size()).c_str());
@@ -473,16 +453,18 @@ HookEngine::Statistics HookEngine::GetStatistics() {
     statistics.liveHooks = m_hooks.size();
     statistics.islands = m_islands.islandCount();
     statistics.islandBytes = m_islands.bytesInUse();
-    statistics.relaysAllocated = m_relaysAllocated;
     for (const auto& [address, site] : m_sites) {
-        statistics.relaysRetired += site->retiredRelays.size();
+        if (site->hub != nullptr) {
+            statistics.chainNodes += site->hub->nodesAllocated();
+            statistics.chainNodesRetired += site->hub->nodesRetired();
+        }
     }
     return statistics;
 }
 
-void HookEngine::SetRelayGracePeriod(std::chrono::milliseconds period) {
+void HookEngine::SetGracePeriod(std::chrono::milliseconds period) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_relayGracePeriod = period;
+    m_gracePeriod = period;
 }
 
 }  // namespace corvane::inlinehook

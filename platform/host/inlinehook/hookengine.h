@@ -1,21 +1,19 @@
-// The engine behind the ShadowHook C API on x86-64 Linux.
+// The engine behind the ShadowHook C API on x86-64 and AArch64 Linux.
 //
-// Every hooked address is a *site*: its first 5 bytes become `jmp rel32` to the site's entry
-// relay, an indirect jump through an 8-byte slot (`jmp [rip+2]`) holding the newest replacement.
-// The site's trampoline runs the displaced instructions and jumps back; it is the orig entry of
-// the first hook. Every later hook owns a relay of the same shape: that relay is its orig entry
-// and its slot holds what runs next, the previous hook's replacement. The chain order is thus fixed
-// in the slots, and adding or removing a hook anywhere in it retargets one slot with one atomic
-// store. Only the first hook of a site and the removal of its last one rewrite the function.
+// Every hooked address is a *site*: its entry becomes a jump to the site's entry relay, an
+// indirect jump through an 8-byte slot. The site's trampoline runs the displaced instructions and
+// jumps back; it is the orig entry of every hook of the site. In unique mode the slot holds the
+// one replacement. In shared mode it holds the site's hub stub, and the replacements form the
+// site's Hub chain (hub.h): a replacement reaches the next one through SHADOWHOOK_CALL_PREV, and
+// per-thread frames keep a replacement from being entered again while it runs. Adding or removing
+// a hook of a site already hooked changes the chain only; the first hook of a site and the removal
+// of its last one rewrite the function.
 //
-// Memory: a site (entry relay + trampoline) is built once per function and reused by every later
-// hook of it for as long as its bytes and symbol stay the same. The relay of a removed hook keeps
-// leading where it led (a thread still inside the removed replacement finishes its call through
-// the chain as it was) and serves a later hook of the same function once it has been retired for
-// the grace period; a very late caller of a stale orig entry thus still reaches this function's
-// chain, never another function.
-// Memory is therefore bounded by the functions ever hooked, the hooks alive, and the hooks removed
-// within the grace period. Nothing is ever unmapped.
+// Memory: a site (entry relay, trampoline, hub and its stub) is built once per function and
+// reused by every later hook of it for as long as its bytes and symbol stay the same. A chain
+// node of a removed hook serves a later hook of the same function once it has been retired for
+// the grace period. Memory is therefore bounded by the functions ever hooked, the hooks alive, and
+// the hooks removed within the grace period. Nothing is ever unmapped or freed.
 //
 // Thread safety: one mutex serialises hook and unhook calls. Threads running the hooked functions
 // are never stopped except while a function's entry is rewritten and the displaced instructions
@@ -26,7 +24,6 @@
 #include <stdint.h>
 
 #include <chrono>
-#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -35,6 +32,7 @@
 #include <vector>
 
 #include "hookstatus.h"
+#include "hub.h"
 #include "islandallocator.h"
 #include "shadowhook.h"
 #include "threadpause.h"
@@ -55,15 +53,15 @@ class HookEngine {
         size_t sites = 0;  // functions with a trampoline, hooked now or before
         size_t liveHooks = 0;
         size_t islands = 0;
-        size_t islandBytes = 0;      // handed out from the islands
-        size_t relaysAllocated = 0;  // per-hook relays ever carved (recycled ones not recounted)
-        size_t relaysRetired = 0;    // waiting for reuse
+        size_t islandBytes = 0;        // handed out from the islands
+        size_t chainNodes = 0;         // chain nodes ever made (reused ones not recounted)
+        size_t chainNodesRetired = 0;  // of removed hooks, waiting for reuse
     };
     Statistics GetStatistics();
-    // How long the relay of a removed hook waits before it serves another hook.
-    void SetRelayGracePeriod(std::chrono::milliseconds period);
+    // How long the chain node of a removed hook waits before it serves another hook.
+    void SetGracePeriod(std::chrono::milliseconds period);
 
-    static constexpr std::chrono::milliseconds kDefaultRelayGracePeriod{5000};
+    static constexpr std::chrono::milliseconds kDefaultGracePeriod{5000};
 
   private:
     struct Site;
@@ -71,7 +69,6 @@ class HookEngine {
         uint64_t id = 0;
         Site* site = nullptr;
         uintptr_t replacement = 0;
-        uintptr_t relay = 0;
     };
     struct Site {
         uintptr_t target = 0;
@@ -89,7 +86,8 @@ class HookEngine {
         uintptr_t symbolEnd = 0;
         bool patched = false;
         std::vector<HookRecord*> chain;  // oldest first
-        std::deque<std::pair<uintptr_t, std::chrono::steady_clock::time_point>> retiredRelays;
+        Hub* hub = nullptr;              // made with the first hook, never freed
+        uintptr_t hubStub = 0;           // shared mode: what the entry relay's slot leads to
     };
 
     // Hold the mutex across fork(), so that a child never inherits it locked by a thread that
@@ -100,12 +98,12 @@ class HookEngine {
     HookStatus BuildSite(uintptr_t target, std::unique_ptr<Site>* site);
     bool SiteStillMatches(const Site& site) const;
     HookStatus CheckOverlap(uintptr_t target, size_t length) const;
-    HookStatus AcquireRelay(Site& site, uintptr_t* relay);
-    void ReturnUnusedRelay(Site& site, uintptr_t relay);
+    HookStatus PrepareHub(Site& site);
     HookStatus OpenTargetWindow(const Site& site, CodeWindow* window) const;
     HookStatus InstallFirstHook(Site& site, uintptr_t replacement, void** orig, void** stub);
     HookStatus AddToChain(Site& site, uintptr_t replacement, void** orig, void** stub);
-    HookRecord* NewRecord(Site& site, uintptr_t replacement, uintptr_t relay);
+    HookRecord* NewRecord(Site& site, uintptr_t replacement);
+    void AddToHub(Site& site, const HookRecord& record);
 
     std::mutex m_mutex;
     shadowhook_mode_t m_mode = SHADOWHOOK_MODE_SHARED;
@@ -113,8 +111,7 @@ class HookEngine {
     std::map<uintptr_t, std::unique_ptr<Site>> m_sites;
     std::unordered_map<uint64_t, std::unique_ptr<HookRecord>> m_hooks;
     uint64_t m_nextId = 1;
-    size_t m_relaysAllocated = 0;
-    std::chrono::milliseconds m_relayGracePeriod = kDefaultRelayGracePeriod;
+    std::chrono::milliseconds m_gracePeriod = kDefaultGracePeriod;
 };
 
 }  // namespace corvane::inlinehook

@@ -1,0 +1,233 @@
+// How replacements behave in shared mode, as they do on a device: a replacement that never pops
+// its frame runs once per thread; the chain is walked newest first with SHADOWHOOK_CALL_PREV, also
+// while hooks are removed; orig is the original; recursion and cycles reach the original unless
+// reentry is allowed; SHADOWHOOK_RETURN_ADDRESS names the caller. Unique mode keeps no frames.
+#include <atomic>
+#include <string>
+#include <thread>
+
+#include "tests/inlinehook/inlinehooktest.h"
+
+namespace {
+
+using inlinehooktest::Code;
+using inlinehooktest::Orig;
+using inlinehooktest::Symbol;
+using inlinehooktest::Unary;
+
+Unary Function(const char* symbol) {
+    return reinterpret_cast<Unary>(Symbol("libm.so.6", symbol));
+}
+
+// Runs `body` on a thread of its own: frames a test leaves behind must not reach other tests.
+template <typename Body>
+void OnFreshThread(Body body) {
+    std::thread(body).join();
+}
+
+thread_local std::string t_trace;
+
+double ForgetsToPop(double x) {
+    t_trace += 'F';
+    return SHADOWHOOK_CALL_PREV(ForgetsToPop, x) + 1000.0;
+}
+
+using SharedModeTest = inlinehooktest::SharedModeTest;
+
+TEST_F(SharedModeTest, AReplacementThatDoesNotPopRunsOncePerThreadThenTheOriginalRuns) {
+    Unary cbrtFunction = Function("cbrt");
+    const double original = cbrtFunction(27.0);
+    void* stub = shadowhook_hook_sym_addr(Code(cbrtFunction), Code(ForgetsToPop), nullptr);
+    ASSERT_NE(nullptr, stub) << shadowhook_to_errmsg(shadowhook_get_errno());
+    for (int thread = 0; thread < 2; ++thread) {
+        OnFreshThread([&] {
+            EXPECT_EQ(original + 1000.0, cbrtFunction(27.0));
+            EXPECT_EQ(original, cbrtFunction(27.0));
+            EXPECT_EQ(original, cbrtFunction(27.0));
+            EXPECT_EQ("F", t_trace);
+        });
+    }
+    EXPECT_EQ(0, shadowhook_unhook(stub));
+}
+
+// Three replacements, each adding its own amount; the newest may remove itself while it runs.
+void* g_orig[3] = {};
+void* g_stubs[3] = {};
+std::atomic<bool> g_removeNewestWhileRunning{false};
+template <int N>
+double Chained(double x) {
+    SHADOWHOOK_STACK_SCOPE();
+    t_trace += static_cast<char>('1' + N);
+    if (N == 2 && g_removeNewestWhileRunning.exchange(false)) {
+        EXPECT_EQ(0, shadowhook_unhook(g_stubs[2]));
+    }
+    return SHADOWHOOK_CALL_PREV(Chained<N>, x) + (N == 0 ? 1 : N == 1 ? 10 : 100);
+}
+const Unary kChained[3] = {Chained<0>, Chained<1>, Chained<2>};
+
+TEST_F(SharedModeTest, ChainsRunNewestFirstAndOrigIsTheOriginalWhileHooksComeAndGo) {
+    Unary erfFunction = Function("erf");
+    const double original = erfFunction(0.5);
+    for (int i = 0; i < 3; ++i) {
+        g_stubs[i] = shadowhook_hook_sym_addr(Code(erfFunction), Code(kChained[i]), &g_orig[i]);
+        ASSERT_NE(nullptr, g_stubs[i]) << shadowhook_to_errmsg(shadowhook_get_errno());
+        EXPECT_EQ(Code(g_orig[0]), Code(g_orig[i])) << "every orig is the original";
+    }
+    t_trace.clear();
+    EXPECT_EQ(original + 111, erfFunction(0.5));
+    EXPECT_EQ("321", t_trace);
+    EXPECT_EQ(original, Orig<Unary>(&g_orig[2])(0.5));
+
+    // Removed while it runs: its call still walks on to the older ones.
+    g_removeNewestWhileRunning = true;
+    t_trace.clear();
+    EXPECT_EQ(original + 111, erfFunction(0.5));
+    EXPECT_EQ("321", t_trace);
+    t_trace.clear();
+    EXPECT_EQ(original + 11, erfFunction(0.5));
+    EXPECT_EQ("21", t_trace);
+
+    // The middle one toggled from this thread while another calls in a loop.
+    g_stubs[2] = shadowhook_hook_sym_addr(Code(erfFunction), Code(kChained[2]), &g_orig[2]);
+    ASSERT_NE(nullptr, g_stubs[2]);
+    std::atomic<bool> stop{false};
+    std::atomic<long> calls{0};
+    std::atomic<long> wrong{0};
+    // Added again, it is the newest.
+    std::thread caller([&] {
+        while (!stop.load(std::memory_order_relaxed)) {
+            t_trace.clear();
+            double result = erfFunction(0.5);
+            bool whole = result == original + 111 && (t_trace == "321" || t_trace == "231");
+            bool withoutMiddle = result == original + 101 && t_trace == "31";
+            wrong += !whole && !withoutMiddle;
+            ++calls;
+        }
+    });
+    auto letCallerRun = [&] {
+        long seen = calls.load();
+        corvanetest::WaitFor([&] { return calls.load() != seen; });
+    };
+    int failures = 0;
+    for (int cycle = 0; cycle < 500 && failures == 0; ++cycle) {
+        failures += shadowhook_unhook(g_stubs[1]) != 0;
+        letCallerRun();
+        g_stubs[1] = shadowhook_hook_sym_addr(Code(erfFunction), Code(kChained[1]), &g_orig[1]);
+        failures += g_stubs[1] == nullptr;
+        letCallerRun();
+    }
+    stop = true;
+    caller.join();
+    EXPECT_EQ(0, failures);
+    EXPECT_EQ(0, wrong.load()) << "of " << calls.load();
+    for (void* stub : g_stubs) {
+        EXPECT_EQ(0, shadowhook_unhook(stub));
+    }
+    EXPECT_EQ(original, erfFunction(0.5));
+}
+
+// A replacement calling its own hooked function; with reentry allowed it enters itself again,
+// down to kDepth levels, where it disallows reentry and the original answers.
+constexpr int kDepth = 3;
+bool g_allowReentry = false;
+thread_local int t_depth = 0;
+Unary g_selfTarget = nullptr;
+double CallsItself(double x) {
+    SHADOWHOOK_STACK_SCOPE();
+    t_trace += 'S';
+    if (g_allowReentry) {
+        SHADOWHOOK_ALLOW_REENTRANT();
+    }
+    if (++t_depth >= kDepth) {
+        SHADOWHOOK_DISALLOW_REENTRANT();
+    }
+    return g_selfTarget(x) + 1.0;
+}
+
+// Two replacements calling each other's hooked function.
+Unary g_cycleTargets[2] = {};
+template <int N>
+double CallsTheOther(double x) {
+    SHADOWHOOK_STACK_SCOPE();
+    t_trace += static_cast<char>('A' + N);
+    return g_cycleTargets[1 - N](x) + SHADOWHOOK_CALL_PREV(CallsTheOther<N>, x);
+}
+
+TEST_F(SharedModeTest, RecursionAndCyclesReachTheOriginalUnlessReentryIsAllowed) {
+    g_selfTarget = Function("log1p");
+    const double original = g_selfTarget(2.0);
+    void* stub = shadowhook_hook_sym_addr(Code(g_selfTarget), Code(CallsItself), nullptr);
+    ASSERT_NE(nullptr, stub);
+    for (bool allow : {false, true}) {
+        g_allowReentry = allow;
+        t_depth = 0;
+        t_trace.clear();
+        EXPECT_EQ(original + (allow ? kDepth : 1), g_selfTarget(2.0)) << allow;
+        EXPECT_EQ(allow ? std::string(kDepth, 'S') : "S", t_trace);
+    }
+    EXPECT_EQ(0, shadowhook_unhook(stub));
+
+    g_cycleTargets[0] = Function("cbrt");
+    g_cycleTargets[1] = Function("expm1");
+    const double cbrtOf8 = g_cycleTargets[0](8.0);
+    const double expm1Of8 = g_cycleTargets[1](8.0);
+    void* stubA =
+        shadowhook_hook_sym_addr(Code(g_cycleTargets[0]), Code(CallsTheOther<0>), nullptr);
+    void* stubB =
+        shadowhook_hook_sym_addr(Code(g_cycleTargets[1]), Code(CallsTheOther<1>), nullptr);
+    ASSERT_NE(nullptr, stubA);
+    ASSERT_NE(nullptr, stubB);
+    t_trace.clear();
+    EXPECT_EQ(cbrtOf8 + expm1Of8 + cbrtOf8, g_cycleTargets[0](8.0));
+    EXPECT_EQ("AB", t_trace);
+    EXPECT_EQ(0, shadowhook_unhook(stubA));
+    EXPECT_EQ(0, shadowhook_unhook(stubB));
+}
+
+// The caller's return address, also after the replacement called further hooked functions.
+void* g_seenReturnAddress[2] = {};
+double RecordsItsCaller(double x) {
+    SHADOWHOOK_STACK_SCOPE();
+    g_seenReturnAddress[0] = SHADOWHOOK_RETURN_ADDRESS();
+    double result = SHADOWHOOK_CALL_PREV(RecordsItsCaller, x);
+    g_seenReturnAddress[1] = SHADOWHOOK_RETURN_ADDRESS();
+    return result;
+}
+__attribute__((noinline)) double CallOnce(Unary function, double x) {
+    double result = function(x);
+    asm volatile("" ::: "memory");  // keeps the call a call, not a tail jump
+    return result;
+}
+constexpr uintptr_t kCallOnceMaxSize = 256;
+
+TEST_F(SharedModeTest, ReturnAddressNamesTheCallerOfTheHookedFunction) {
+    Unary target = Function("tanh");
+    void* stub = shadowhook_hook_sym_addr(Code(target), Code(RecordsItsCaller), nullptr);
+    ASSERT_NE(nullptr, stub);
+    CallOnce(target, 0.25);
+    auto begin = reinterpret_cast<uintptr_t>(&CallOnce);
+    for (void* seen : g_seenReturnAddress) {
+        auto address = reinterpret_cast<uintptr_t>(seen);
+        EXPECT_TRUE(address > begin && address < begin + kCallOnceMaxSize) << seen;
+    }
+    EXPECT_EQ(0, shadowhook_unhook(stub));
+}
+
+TEST(UniqueModeTest, ReplacementsKeepNoFramesAndCallPrevIsTheOriginal) {
+    SKIP_IF_ENGINE_INITIALISED();
+    corvanetest::ExpectInChild([] {
+        ASSERT_EQ(SHADOWHOOK_ERRNO_OK, shadowhook_init(SHADOWHOOK_MODE_UNIQUE, false));
+        Unary cbrtFunction = Function("cbrt");
+        const double original = cbrtFunction(27.0);
+        void* orig = nullptr;
+        void* stub = shadowhook_hook_sym_addr(Code(cbrtFunction), Code(ForgetsToPop), &orig);
+        ASSERT_NE(nullptr, stub);
+        for (int call = 0; call < 3; ++call) {
+            EXPECT_EQ(original + 1000.0, cbrtFunction(27.0)) << call;
+        }
+        EXPECT_EQ(original, Orig<Unary>(&orig)(27.0));
+        EXPECT_EQ(0, shadowhook_unhook(stub));
+    });
+}
+
+}  // namespace
