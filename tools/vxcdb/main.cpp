@@ -9,6 +9,7 @@
 #include "core/controller/vxcdbprotocol.h"
 #include "platform/devicepath.h"
 #include "tools/vxcdb/vxcdbcampaign.h"
+#include "tools/vxcdb/vxcdbcheck.h"
 #include "tools/vxcdb/vxcdbcommandline.h"
 #include "tools/vxcdb/vxcdbconnection.h"
 #include "tools/vxcdb/vxcdbhints.h"
@@ -63,6 +64,9 @@ int main(int argc, char** argv) {
     if (commandLine.showUsage) {
         std::cout << vxcdb::UsageText();
         return kExitOk;
+    }
+    if (commandLine.check) {
+        return vxcdb::RunCheck(commandLine.checkFile, commandLine.checkSysroot, std::cout);
     }
     if (!commandLine.campaignFile.empty()) {
         return vxcdb::RunCampaignCommand(commandLine, argv[0]);

@@ -58,6 +58,30 @@ bool NameIs(const std::string& word, const std::string& name) {
                             word[name.size()] == '=');
 }
 
+// The words after "--check": an optional "--sysroot DIR", then exactly one file.
+bool ParseCheck(const std::vector<std::string>& words, size_t i, CommandLine* commandLine,
+                std::string* error) {
+    commandLine->check = true;
+    for (; i < words.size(); ++i) {
+        const std::string& word = words[i];
+        if (NameIs(word, "--sysroot")) {
+            if (!TakeValue(words, &i, "--sysroot", &commandLine->checkSysroot, error)) {
+                return false;
+            }
+        } else if (commandLine->checkFile.empty() && !word.empty() && word[0] != '-') {
+            commandLine->checkFile = word;
+        } else {
+            *error = "--check takes [--sysroot DIR] and one file, got '" + word + "'";
+            return false;
+        }
+    }
+    if (commandLine->checkFile.empty()) {
+        *error = "--check needs the file to check";
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 bool ParseCommandLine(int argc, const char* const* argv, CommandLine* commandLine,
@@ -70,6 +94,9 @@ bool ParseCommandLine(int argc, const char* const* argv, CommandLine* commandLin
         if (word == "--help" || word == "-h") {
             commandLine->showUsage = true;
             return true;
+        }
+        if (word == "--check") {
+            return ParseCheck(words, i + 1, commandLine, error);
         }
         if (word == "--json") {
             commandLine->json = true;
@@ -163,11 +190,16 @@ const char* UsageText() {
     return "Usage: vxcdb [TOOL OPTION]... MODULE --OPTION [ARGUMENT]... [--OPTION "
            "[ARGUMENT]...]...\n"
            "       vxcdb --help\n"
+           "       vxcdb --check [--sysroot DIR] FILE\n"
            "       vxcdb [--json] [--junit FILE] --campaign FILE\n"
            "\n"
            "Sends one request to the camera service's debug channel and prints its reply.\n"
            "Every --OPTION after MODULE is one command; the words after it are its arguments.\n"
            "A lone '--' makes all following words arguments of the current command.\n"
+           "--check reads a hook-case file or a protection configuration as the service\n"
+           "would, without contacting it, and lists every problem with its line and column;\n"
+           "libraries are opened under DIR (default $CORVANE_SYSROOT, or /). Exit status 0\n"
+           "when the file is clean, 1 when it has problems or cannot be read.\n"
            "\n"
            "Modules: corvane (the controller's commands), debug (debug commands).\n"
            "Examples:\n"

@@ -1,6 +1,7 @@
 // The vxcdb command line:
 //   vxcdb [--json] [--timeout SECONDS] [--socket PATH] MODULE --OPTION [ARG...] [--OPTION
 //   [ARG...]]... vxcdb --help
+//   vxcdb --check [--sysroot DIR] FILE
 //   vxcdb [--json] [--timeout SECONDS] [--socket PATH] [--junit FILE] --campaign FILE
 // Tool options come before the module name. After it, every word that starts with "--" begins a
 // new command (the word without its dashes is the option), the words up to the next one are its
@@ -21,6 +22,10 @@ struct CommandLine {
     VXCDBMessage request;      // one message: module name and type, one command per option
     std::string campaignFile;  // "--campaign FILE": run a fault campaign instead of one request
     std::string junitFile;     // "--junit FILE" (campaigns only): also write a JUnit XML report
+    // "--check [--sysroot DIR] FILE": check a configuration file locally instead of a request.
+    bool check = false;
+    std::string checkFile;
+    std::string checkSysroot;  // empty: $CORVANE_SYSROOT, or "/"
 };
 
 // Fills `*commandLine` from argv[1..]; false with a one-line reason in `*error` on a mistake.

@@ -1,0 +1,63 @@
+// The template fault libraries, installed by their own hook cases through the controller and the
+// real inline-hook engine, as a user's copy of them would be.
+#include <errno.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "core/controller/corvanesystem.h"
+#include "core/model/hook/hookoperation.h"
+#include "tests/support/samplesysroot.h"
+#include "tools/vxcdb/vxcdbcheck.h"
+
+namespace {
+
+using namespace corvanetest;
+
+using ReadFunction = int (*)(uint16_t, uint16_t, uint16_t*);
+using MoveFunction = int (*)(int32_t);
+using PositionFunction = int32_t (*)();
+
+// The sample libraries, hookswitch and inithookswitch on.
+constexpr const char* kHookModules = "0xC";
+
+TEST(FaultTemplateTest, TemplatesFailWhatTheirGroupSaysAndLetTheRestThrough) {
+    TestSysroot sysroot;
+    InstallSamples(sysroot, kHookModules);
+    sysroot.InstallLibrary("libcorvane_fault_template_c.so");
+    sysroot.InstallLibrary("libcorvane_fault_template_cpp.so");
+    std::filesystem::copy_file(SourceDir() + "/host/faulttemplate/fault_template_hook_case.json",
+                               sysroot / kHookCaseFile,
+                               std::filesystem::copy_options::overwrite_existing);
+    vxcdb::CheckResult check =
+        vxcdb::CheckConfigurationFile(sysroot / kHookCaseFile, sysroot.path(), true);
+    EXPECT_TRUE(check.problems.empty()) << check.problems[0].message;
+
+    ExpectInChild([&] {
+        ScopedChdir chdir(sysroot.path());
+        CorvaneSystemGetInstance();
+        HookOperation* engine = HookOperation::GetInstance();
+        auto read = SampleSensor<ReadFunction>("CameraSensorI2CRead");
+        auto move = SampleSensor<MoveFunction>("CameraActuatorMove");
+        auto position = SampleSensor<PositionFunction>("CameraActuatorPosition");
+        ASSERT_NE(position, nullptr);
+        ASSERT_EQ(engine->DoHookGroup("template_read_fault", {"0x0042"}), 0);
+        ASSERT_EQ(engine->DoHookGroup("template_overshoot_fault", {"50"}), 0);
+        EXPECT_FALSE(engine->IsHookGroupExecuted("template_read_fault"));
+        // Called again and again: a replacement that did not pop its frame would run once.
+        for (int32_t i = 0; i < 3; ++i) {
+            uint16_t value = 0;
+            EXPECT_EQ(read(0x10, 0x42, &value), -EIO);
+            EXPECT_EQ(read(0x10, 0x43, &value), 0);  // passed on to the sensor
+            EXPECT_EQ(move(100 + i), 0);
+            EXPECT_EQ(position(), 150 + i);
+        }
+        EXPECT_TRUE(engine->IsHookGroupExecuted("template_read_fault"));
+        EXPECT_TRUE(engine->IsHookGroupExecuted("template_overshoot_fault"));
+        engine->UnhookAllCase();
+        uint16_t value = 0;
+        EXPECT_EQ(read(0x10, 0x42, &value), 0);
+    });
+}
+
+}  // namespace
