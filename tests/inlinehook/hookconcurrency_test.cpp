@@ -6,7 +6,7 @@
 #include <math.h>
 
 #include <atomic>
-#include <chrono>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,6 +18,7 @@ namespace {
 using inlinehooktest::Bytes;
 using inlinehooktest::Code;
 using inlinehooktest::IntFunction;
+using inlinehooktest::Orig;
 using inlinehooktest::Symbol;
 using inlinehooktest::Unary;
 
@@ -27,10 +28,6 @@ struct Target {
     bool integer;
     bool chained = false;  // toggled on top of a permanent hook
 };
-
-void PrintTo(const Target& target, std::ostream* out) {
-    *out << target.symbol << (target.chained ? "_chained" : "");
-}
 
 #if defined(__SANITIZE_THREAD__)
 // Thread sanitizer holds a signal back until the thread reaches code it instruments, so every
@@ -42,7 +39,6 @@ constexpr int kCycles = 2000;
 constexpr int kCallers = 2;
 constexpr int kInputs = 64;
 
-void* g_baseOrig = nullptr;
 double PermanentBase(double x) {
     SHADOWHOOK_STACK_SCOPE();
     return SHADOWHOOK_CALL_PREV(PermanentBase, x) - 1.0;
@@ -53,6 +49,8 @@ class HookConcurrencyTest : public ::testing::TestWithParam<Target> {
     void SetUp() override { inlinehooktest::InitShared(); }
 };
 
+// Every cycle also gets a stub never handed out before, and an orig entry taken before its hook
+// was removed (a thread still inside the replacement) keeps running the original.
 TEST_P(HookConcurrencyTest, CallersSeeTheOriginalOrTheReplacementWhileHooksToggle) {
     const Target& target = GetParam();
     std::string library =
@@ -60,20 +58,19 @@ TEST_P(HookConcurrencyTest, CallersSeeTheOriginalOrTheReplacementWhileHooksToggl
     void* address = Symbol(library.c_str(), target.symbol);
     ASSERT_NE(nullptr, address);
     const std::vector<uint8_t> before = Bytes(address);
+    auto call = [&](void* function, int i) -> double {
+        return target.integer ? reinterpret_cast<IntFunction>(function)(i)
+                              : reinterpret_cast<Unary>(function)(0.37 * i + 0.25);
+    };
+    const double unhooked = call(address, 3);
     void* base = nullptr;
     if (target.chained) {
-        base = shadowhook_hook_sym_addr(address, Code(PermanentBase), &g_baseOrig);
+        base = shadowhook_hook_sym_addr(address, Code(PermanentBase), nullptr);
         ASSERT_NE(nullptr, base) << shadowhook_to_errmsg(shadowhook_get_errno());
     }
-
-    // Expected results, computed before the toggling starts.
-    auto call = [&](int i) -> double {
-        return target.integer ? reinterpret_cast<IntFunction>(address)(i)
-                              : reinterpret_cast<Unary>(address)(0.37 * i + 0.25);
-    };
     std::vector<double> original(kInputs), replaced(kInputs);
     for (int i = 0; i < kInputs; ++i) {
-        original[i] = call(i);
+        original[i] = call(address, i);
         replaced[i] = target.integer ? original[i] * 2 : original[i] + 1000.0;
     }
     void* replacement =
@@ -88,37 +85,33 @@ TEST_P(HookConcurrencyTest, CallersSeeTheOriginalOrTheReplacementWhileHooksToggl
     for (int t = 0; t < kCallers; ++t) {
         callers.emplace_back([&]() {
             while (!stop.load(std::memory_order_relaxed)) {
+                long seen = 0, bad = 0;
                 for (int i = 0; i < kInputs; ++i) {
-                    double result = call(i);
-                    if (result == replaced[i]) {
-                        replacedSeen.fetch_add(1, std::memory_order_relaxed);
-                    } else if (result != original[i]) {
-                        wrong.fetch_add(1, std::memory_order_relaxed);
-                    }
+                    double result = call(address, i);
+                    seen += result == replaced[i];
+                    bad += result != replaced[i] && result != original[i];
                 }
-                calls.fetch_add(kInputs, std::memory_order_relaxed);
+                replacedSeen += seen;
+                wrong += bad;
+                calls += kInputs;
             }
         });
     }
     // Lets the callers run between toggles, so every state is really met under load.
     auto letCallersRun = [&]() {
         long seen = calls.load();
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (calls.load() == seen && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::yield();
-        }
+        corvanetest::WaitFor([&] { return calls.load() != seen; });
     };
-
+    std::set<void*> stubs;
+    std::vector<void*> staleOrigs;
     int failures = 0;
     for (int cycle = 0; cycle < kCycles && failures == 0; ++cycle) {
         void* stub = shadowhook_hook_sym_addr(address, replacement, orig);
-        if (stub == nullptr) {
-            ADD_FAILURE() << "cycle " << cycle << ": "
-                          << shadowhook_to_errmsg(shadowhook_get_errno());
-            break;
-        }
+        EXPECT_NE(nullptr, stub) << cycle << ": " << shadowhook_to_errmsg(shadowhook_get_errno());
+        failures += !stubs.insert(stub).second;
         if (cycle % 8 == 0) {
             letCallersRun();
+            staleOrigs.push_back(Orig<void*>(orig));
         }
         failures += shadowhook_unhook(stub) != 0;
         if (cycle % 8 == 4) {
@@ -133,6 +126,9 @@ TEST_P(HookConcurrencyTest, CallersSeeTheOriginalOrTheReplacementWhileHooksToggl
     EXPECT_EQ(0, wrong.load());
     EXPECT_GT(replacedSeen.load(), 0) << "the callers never ran while hooked";
     EXPECT_GT(calls.load() - replacedSeen.load(), 0);
+    for (size_t i = 0; i < staleOrigs.size(); i += 50) {
+        EXPECT_EQ(unhooked, call(staleOrigs[i], 3));
+    }
     if (base != nullptr) {
         EXPECT_EQ(0, shadowhook_unhook(base));
     }
