@@ -22,8 +22,15 @@ using corvane::inlinehook::HookStatus;
 using corvane::inlinehook::PrologueRelocator;
 using inlinehooktest::Bytes;
 using inlinehooktest::Code;
+using inlinehooktest::PlusThousand;
+using inlinehooktest::Symbol;
 
 constexpr size_t kPageSize = 4096;
+#if defined(__x86_64__)
+constexpr int kFiller = 0xcc;  // int3 wherever the code runs astray
+#else
+constexpr int kFiller = 0;  // udf
+#endif
 // Layout of a test page: the function under test, bodies it branches to, a helper it calls, and
 // data it reads.
 constexpr uint32_t kCode = 0x100;
@@ -34,30 +41,22 @@ constexpr uint32_t kData = 0x800;
 // One page of hand-made code, read+execute once sealed, unmapped at the end.
 class CodePage {
   public:
-    explicit CodePage(void* hint = nullptr, int extraFlags = 0) {
-        void* page = mmap(hint, kPageSize, PROT_READ | PROT_WRITE,
-                          MAP_PRIVATE | MAP_ANONYMOUS | extraFlags, -1, 0);
-        m_base = page == MAP_FAILED ? nullptr : static_cast<uint8_t*>(page);
-#if defined(__x86_64__)
-        if (m_base != nullptr) {
-            memset(m_base, 0xcc, kPageSize);  // int3 wherever the code runs astray
+    explicit CodePage(void* hint = nullptr, int extraFlags = 0)
+        : m_base(static_cast<uint8_t*>(mmap(hint, kPageSize, PROT_READ | PROT_WRITE,
+                                            MAP_PRIVATE | MAP_ANONYMOUS | extraFlags, -1, 0))) {
+        if (valid()) {
+            memset(m_base, kFiller, kPageSize);
         }
-#endif
     }
     ~CodePage() {
-        if (m_base != nullptr) {
+        if (valid()) {
             munmap(m_base, kPageSize);
         }
     }
     CodePage(const CodePage&) = delete;
     CodePage& operator=(const CodePage&) = delete;
-
-    bool valid() const {
-        return m_base != nullptr;
-    }
-    uintptr_t address(size_t offset) const {
-        return reinterpret_cast<uintptr_t>(m_base) + offset;
-    }
+    bool valid() const { return m_base != MAP_FAILED; }
+    uintptr_t address(size_t offset) const { return reinterpret_cast<uintptr_t>(m_base) + offset; }
     void Write(size_t offset, const void* bytes, size_t length) {
         memcpy(m_base + offset, bytes, length);
     }
@@ -71,7 +70,7 @@ class CodePage {
     }
 
   private:
-    uint8_t* m_base = nullptr;
+    uint8_t* m_base;
 };
 
 // A function of one int, its code (placed at kCode), and what it computes.
@@ -110,6 +109,8 @@ std::vector<uint8_t> Join(std::initializer_list<std::vector<uint8_t>> parts) {
 }
 
 const size_t c = kCode;
+// ih_back_branch loops into its second instruction, inside the displaced bytes.
+const char* const kRefusedLoops[] = {"ih_entry_loop", "ih_back_branch"};
 
 std::vector<HandMade> RelocatableFunctions() {
     return {
@@ -231,6 +232,7 @@ constexpr uint32_t kCbz = 0x34000000, kTbnz = 0x37000000;
 constexpr uint32_t kGt = 0xc;
 
 const uint32_t c = kCode;
+const char* const kRefusedLoops[] = {"ih_entry_loop"};
 
 std::vector<HandMade> RelocatableFunctions() {
     auto plus = [](int n) { return [n](int x) { return x + n; }; };
@@ -406,24 +408,80 @@ TEST_F(PrologueRelocatorTest, EachInstructionClassRunsFromNearAndFarTrampolines)
     }
 }
 
-TEST_F(PrologueRelocatorTest, CodeThatCannotMoveIsRefusedUntouched) {
-    for (const Refused& refused : RefusedSequences()) {
-        SCOPED_TRACE(refused.name);
-        std::unique_ptr<CodePage> page = Page(refused.code);
-        ASSERT_NE(nullptr, page);
-        void* address = reinterpret_cast<void*>(page->address(kCode));
-        std::vector<uint8_t> before = Bytes(address, 16);
-        void* orig = nullptr;
-        EXPECT_EQ(nullptr, shadowhook_hook_sym_addr(address, Code(Replacement), &orig));
-        EXPECT_EQ(refused.error, shadowhook_get_errno());
-        EXPECT_EQ(nullptr, orig);
-        EXPECT_EQ(before, Bytes(address, 16));
-    }
+uint8_t g_notCode[16] = {42};
+void* g_relayOrig = nullptr;
+
+// Refusals return their error number and leave the code and the orig slot as they were.
+TEST_F(PrologueRelocatorTest, RefusedCallsFailWithTheirErrorNumberAndTouchNothing) {
+    const std::string library = inlinehooktest::TestLibrary();
+    void* cbrtAddress = Symbol("libm.so.6", "cbrt");
+    void* removed = shadowhook_hook_sym_addr(cbrtAddress, Code(PlusThousand), nullptr);
+    ASSERT_EQ(0, shadowhook_unhook(removed));
+    void* first = shadowhook_hook_sym_addr(cbrtAddress, Code(PlusThousand), &g_relayOrig);
+    ASSERT_NE(nullptr, first);
+    const int kInvalid = SHADOWHOOK_ERRNO_INVALID_ARG;
+    struct Hook {
+        std::string name;
+        void* address;
+        int error;
+        void* replacement = Code(Replacement);
+    };
+    std::vector<Hook> hooks = {
+        {"null address", nullptr, kInvalid},
+        {"null replacement", cbrtAddress, kInvalid, nullptr},
+        {"the same replacement twice in shared mode", cbrtAddress, SHADOWHOOK_ERRNO_HOOK_DUP,
+         Code(PlusThousand)},
+        {"data, not code", g_notCode, kInvalid},
+        {"the engine's own relay", g_relayOrig, kInvalid},
+        {"a function replacing itself", Code(Replacement), kInvalid},
+        {"ih_tiny: shorter than the entry jump", Symbol(library.c_str(), "ih_tiny"),
+         SHADOWHOOK_ERRNO_HOOK_SYMSZ},
 #if defined(__aarch64__)
-    EXPECT_EQ(nullptr, shadowhook_hook_sym_addr(reinterpret_cast<char*>(Replacement) + 2,
-                                                Code(Replacement), nullptr));
-    EXPECT_EQ(SHADOWHOOK_ERRNO_INVALID_ARG, shadowhook_get_errno()) << "unaligned address";
+        {"unaligned", reinterpret_cast<char*>(Replacement) + 2, kInvalid},
 #endif
+    };
+    for (const char* loop : kRefusedLoops) {
+        hooks.push_back({std::string(loop) + ": branches back into the displaced code",
+                         Symbol(library.c_str(), loop), SHADOWHOOK_ERRNO_HOOK_REWRITE_FAILED});
+    }
+    std::vector<std::unique_ptr<CodePage>> pages;
+    for (const Refused& refused : RefusedSequences()) {
+        pages.push_back(Page(refused.code));
+        ASSERT_NE(nullptr, pages.back());
+        hooks.push_back(
+            {refused.name, reinterpret_cast<void*>(pages.back()->address(kCode)), refused.error});
+    }
+    for (const Hook& hook : hooks) {
+        SCOPED_TRACE(hook.name);
+        const void* watched = hook.address != nullptr ? hook.address : g_notCode;
+        std::vector<uint8_t> before = Bytes(watched, 16);
+        void* orig = nullptr;
+        EXPECT_EQ(nullptr, shadowhook_hook_sym_addr(hook.address, hook.replacement, &orig));
+        EXPECT_EQ(hook.error, shadowhook_get_errno());
+        EXPECT_EQ(nullptr, orig);
+        EXPECT_EQ(before, Bytes(watched, 16));
+    }
+
+    auto expectFailure = [](const char* name, bool failed, int error) {
+        EXPECT_TRUE(failed) << name;
+        EXPECT_EQ(error, shadowhook_get_errno()) << name;
+    };
+    void* replacement = Code(Replacement);
+    expectFailure("by name: null library",
+                  !shadowhook_hook_sym_name(nullptr, "cbrt", replacement, nullptr), kInvalid);
+    expectFailure("by name: no such symbol",
+                  !shadowhook_hook_sym_name("libm.so.6", "ih_no", replacement, nullptr),
+                  SHADOWHOOK_ERRNO_HOOK_DLSYM);
+    expectFailure("by name: a library never loaded",
+                  !shadowhook_hook_sym_name("libih_no.so", "cbrt", replacement, nullptr),
+                  SHADOWHOOK_ERRNO_HOOK_DLSYM);
+    expectFailure("unhook: null", shadowhook_unhook(nullptr) == -1, kInvalid);
+    expectFailure("unhook: a removed stub", shadowhook_unhook(removed) == -1,
+                  SHADOWHOOK_ERRNO_UNHOOK_NOTFOUND);
+    expectFailure("unhook: an orig slot", shadowhook_unhook(&g_relayOrig) == -1,
+                  SHADOWHOOK_ERRNO_UNHOOK_NOTFOUND);
+    EXPECT_EQ(0, shadowhook_unhook(first));
+    EXPECT_EQ(2.0, reinterpret_cast<inlinehooktest::Unary>(cbrtAddress)(8.0));
 }
 
 }  // namespace

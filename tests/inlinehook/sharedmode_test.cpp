@@ -1,6 +1,6 @@
 // How replacements behave in shared mode, as they do on a device: a replacement that never pops
 // its frame runs once per thread; the chain is walked newest first with SHADOWHOOK_CALL_PREV, also
-// while hooks are removed; orig is the original; recursion and cycles reach the original unless
+// while hooks are removed; orig is the original; recursion reaches the original unless
 // reentry is allowed; SHADOWHOOK_RETURN_ADDRESS names the caller.
 #include <algorithm>
 #include <atomic>
@@ -70,7 +70,7 @@ void* Hook(Unary function, int n) {
     return g_stubs[n];
 }
 
-TEST_F(SharedModeTest, ChainsRunNewestFirstAndSurviveRemovalInAnyOrder) {
+TEST_F(SharedModeTest, ChainsRunNewestFirstAndSurviveRemovalInAnyOrderEvenWhileRunning) {
     Unary cbrtFunction = Function("cbrt");
     const double original = cbrtFunction(125.0);
     const std::vector<uint8_t> before = Bytes(Code(cbrtFunction));
@@ -105,56 +105,19 @@ TEST_F(SharedModeTest, ChainsRunNewestFirstAndSurviveRemovalInAnyOrder) {
         }
         EXPECT_EQ(before, Bytes(Code(cbrtFunction)));
     } while (std::next_permutation(order, order + 3));
-}
 
-TEST_F(SharedModeTest, HooksRemovedWhileRunningOrWhileAnotherThreadCallsKeepTheChainWhole) {
-    Unary erfFunction = Function("erf");
-    const double original = erfFunction(0.5);
-    for (int n = 0; n < 3; ++n) {
-        ASSERT_NE(nullptr, Hook(erfFunction, n));
-    }
     // Removed while it runs: its call still walks on to the older ones.
+    for (int n = 0; n < 3; ++n) {
+        ASSERT_NE(nullptr, Hook(cbrtFunction, n));
+    }
     g_removeNewestWhileRunning = true;
     t_trace.clear();
-    EXPECT_EQ(original + 111, erfFunction(0.5));
-    EXPECT_EQ("321", t_trace);
-    t_trace.clear();
-    EXPECT_EQ(original + 11, erfFunction(0.5));
-    EXPECT_EQ("21", t_trace);
-
-    // The middle one toggled while another thread calls in a loop; added again, it is the newest.
-    ASSERT_NE(nullptr, Hook(erfFunction, 2));
-    std::atomic<bool> stop{false};
-    std::atomic<long> calls{0};
-    std::atomic<long> wrong{0};
-    std::thread caller([&] {
-        while (!stop.load(std::memory_order_relaxed)) {
-            t_trace.clear();
-            double result = erfFunction(0.5);
-            bool whole = result == original + 111 && (t_trace == "321" || t_trace == "231");
-            wrong += !whole && !(result == original + 101 && t_trace == "31");
-            ++calls;
-        }
-    });
-    auto letCallerRun = [&] {
-        long seen = calls.load();
-        corvanetest::WaitFor([&] { return calls.load() != seen; });
-    };
-    int failures = 0;
-    for (int cycle = 0; cycle < 500 && failures == 0; ++cycle) {
-        failures += shadowhook_unhook(g_stubs[1]) != 0;
-        letCallerRun();
-        failures += Hook(erfFunction, 1) == nullptr;
-        letCallerRun();
-    }
-    stop = true;
-    caller.join();
-    EXPECT_EQ(0, failures);
-    EXPECT_EQ(0, wrong.load()) << "of " << calls.load();
-    for (void* stub : g_stubs) {
-        EXPECT_EQ(0, shadowhook_unhook(stub));
-    }
-    EXPECT_EQ(original, erfFunction(0.5));
+    EXPECT_EQ(original + 111, cbrtFunction(125.0));
+    t_trace += '|';
+    EXPECT_EQ(original + 11, cbrtFunction(125.0));
+    EXPECT_EQ("321|21", t_trace);
+    EXPECT_EQ(0, shadowhook_unhook(g_stubs[0]));
+    EXPECT_EQ(0, shadowhook_unhook(g_stubs[1]));
 }
 
 // A replacement calling its own hooked function; with reentry allowed it enters itself again,
@@ -175,16 +138,7 @@ double CallsItself(double x) {
     return g_selfTarget(x) + 1.0;
 }
 
-// Two replacements calling each other's hooked function.
-Unary g_cycleTargets[2] = {};
-template <int N>
-double CallsTheOther(double x) {
-    SHADOWHOOK_STACK_SCOPE();
-    t_trace += static_cast<char>('A' + N);
-    return g_cycleTargets[1 - N](x) + SHADOWHOOK_CALL_PREV(CallsTheOther<N>, x);
-}
-
-TEST_F(SharedModeTest, RecursionAndCyclesReachTheOriginalUnlessReentryIsAllowed) {
+TEST_F(SharedModeTest, RecursionReachesTheOriginalUnlessReentryIsAllowed) {
     g_selfTarget = Function("log1p");
     const double original = g_selfTarget(2.0);
     void* stub = shadowhook_hook_sym_addr(Code(g_selfTarget), Code(CallsItself), nullptr);
@@ -197,19 +151,6 @@ TEST_F(SharedModeTest, RecursionAndCyclesReachTheOriginalUnlessReentryIsAllowed)
         EXPECT_EQ(allow ? std::string(kDepth, 'S') : "S", t_trace);
     }
     EXPECT_EQ(0, shadowhook_unhook(stub));
-
-    g_cycleTargets[0] = Function("cbrt");
-    g_cycleTargets[1] = Function("expm1");
-    const double cbrtOf8 = g_cycleTargets[0](8.0);
-    const double expm1Of8 = g_cycleTargets[1](8.0);
-    void* stubs[2];
-    stubs[0] = shadowhook_hook_sym_addr(Code(g_cycleTargets[0]), Code(CallsTheOther<0>), nullptr);
-    stubs[1] = shadowhook_hook_sym_addr(Code(g_cycleTargets[1]), Code(CallsTheOther<1>), nullptr);
-    t_trace.clear();
-    EXPECT_EQ(cbrtOf8 + expm1Of8 + cbrtOf8, g_cycleTargets[0](8.0));
-    EXPECT_EQ("AB", t_trace);
-    EXPECT_EQ(0, shadowhook_unhook(stubs[0]));
-    EXPECT_EQ(0, shadowhook_unhook(stubs[1]));
 }
 
 // The caller's return address, also after the replacement called further hooked functions.
