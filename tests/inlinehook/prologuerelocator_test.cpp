@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/inlinehook/inlinehooktest.h"
@@ -480,6 +481,9 @@ TEST_F(PrologueRelocatorTest, RefusedCallsFailWithTheirErrorNumberAndTouchNothin
                   SHADOWHOOK_ERRNO_UNHOOK_NOTFOUND);
     expectFailure("unhook: an orig slot", shadowhook_unhook(&g_relayOrig) == -1,
                   SHADOWHOOK_ERRNO_UNHOOK_NOTFOUND);
+    // The error number is the calling thread's own.
+    std::thread([] { EXPECT_EQ(SHADOWHOOK_ERRNO_OK, shadowhook_get_errno()); }).join();
+    EXPECT_EQ(SHADOWHOOK_ERRNO_UNHOOK_NOTFOUND, shadowhook_get_errno());
     EXPECT_EQ(0, shadowhook_unhook(first));
     EXPECT_EQ(2.0, reinterpret_cast<inlinehooktest::Unary>(cbrtAddress)(8.0));
 }
