@@ -20,14 +20,12 @@ using IntFunction = int (*)(int);
 
 // Shared mode, as the system itself initialises the engine. Unique-mode and not-initialised
 // scenarios run in forked children.
-inline void InitShared() {
-    ASSERT_EQ(SHADOWHOOK_ERRNO_OK, shadowhook_init(SHADOWHOOK_MODE_SHARED, false));
-    ASSERT_EQ(SHADOWHOOK_MODE_SHARED, shadowhook_get_mode());
-}
-
 class SharedModeTest : public ::testing::Test {
   protected:
-    void SetUp() override { InitShared(); }
+    void SetUp() override {
+        ASSERT_EQ(SHADOWHOOK_ERRNO_OK, shadowhook_init(SHADOWHOOK_MODE_SHARED, false));
+        ASSERT_EQ(SHADOWHOOK_MODE_SHARED, shadowhook_get_mode());
+    }
 };
 
 // Address of `symbol` in an already loadable library (loaded if needed, never unloaded).
