@@ -1,6 +1,5 @@
 #include "tests/support/supervisedservice.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
@@ -8,13 +7,12 @@
 #include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
-#include <sstream>
 
 extern char** environ;
 
@@ -26,18 +24,9 @@ constexpr const char* kReadyLine = "camera service: ready";
 constexpr const char* kPidLine = "camera service: controller ready (";
 
 int CountEntries(const std::string& dir) {
-    DIR* handle = opendir(dir.c_str());
-    if (handle == nullptr) {
-        return -1;
-    }
-    int count = 0;
-    while (dirent* entry = readdir(handle)) {
-        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
-            ++count;
-        }
-    }
-    closedir(handle);
-    return count;
+    std::error_code error;
+    auto entries = std::filesystem::directory_iterator(dir, error);
+    return error ? -1 : static_cast<int>(std::distance(entries, {}));
 }
 
 // The value of a "Name:\tvalue" line of /proc/<pid>/status, or empty.
@@ -91,8 +80,7 @@ ProgramOutput RunProgram(std::vector<std::string> words) {
 }
 
 std::string SqliteShell(const std::string& path, const std::string& sql) {
-    // The service may be writing: wait for its lock as it waits for ours.
-    return RunProgram({"sqlite3", "-cmd", ".timeout 5000", path, sql}).output;
+    return Sql(path, sql);
 }
 
 bool IsAnswered(const ProgramOutput& answer) {
@@ -183,10 +171,7 @@ ProgramOutput SupervisedService::Vxcdb(const std::vector<std::string>& arguments
 }
 
 std::string SupervisedService::Log() const {
-    std::ifstream file(m_log, std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
+    return ReadTextFile(m_log);
 }
 
 int SupervisedService::CountInLog(const std::string& text) const {
