@@ -36,6 +36,7 @@ TEST(HostileRequests, QuotesAreRefusedBeforeAnythingIsInstalledOrStored) {
         {{"--inject", "firmware", "0", "0", "3", "4", "x'; drop table hook_group; --"},
          "firmware argument 5 holds a single quote"},
         {{"--inject", "firmware", "0", "0", "3", "4", "ok", kEndless}, "firmware argument 6"},
+        {{"--inject", "firmware", "0", "0'", "3", "4"}, "firmware argument 2"},
     };
     SupervisedService service;
     service.Start();
