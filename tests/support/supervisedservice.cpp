@@ -79,14 +79,6 @@ ProgramOutput RunProgram(std::vector<std::string> words) {
     return answer;
 }
 
-std::string SqliteShell(const std::string& path, const std::string& sql) {
-    return Sql(path, sql);
-}
-
-bool IsAnswered(const ProgramOutput& answer) {
-    return answer.exitCode == 0 || answer.exitCode == 1;
-}
-
 ProcessFigures FiguresOf(pid_t pid) {
     ProcessFigures figures;
     std::string proc = "/proc/" + std::to_string(pid);
@@ -105,10 +97,6 @@ SupervisedService::SupervisedService() : m_log(m_sysroot / "camera_service.log")
     if (system(layout.c_str()) != 0) {
         ADD_FAILURE() << "could not lay out the sysroot: " << layout;
     }
-}
-
-SupervisedService::~SupervisedService() {
-    Stop();
 }
 
 void SupervisedService::AddProperty(const std::string& name, const std::string& value) {
@@ -170,10 +158,6 @@ ProgramOutput SupervisedService::Vxcdb(const std::vector<std::string>& arguments
     return RunProgram(words);
 }
 
-std::string SupervisedService::Log() const {
-    return ReadTextFile(m_log);
-}
-
 int SupervisedService::CountInLog(const std::string& text) const {
     std::string log = Log();
     int count = 0;
@@ -181,11 +165,6 @@ int SupervisedService::CountInLog(const std::string& text) const {
         ++count;
     }
     return count;
-}
-
-bool SupervisedService::WaitForLog(const std::string& text,
-                                   std::chrono::milliseconds timeout) const {
-    return WaitFor([&] { return LogContains(text); }, timeout);
 }
 
 pid_t SupervisedService::ServicePid() const {
