@@ -61,7 +61,6 @@ TEST(CorvaneSystemConfigTest, BitMaskProperty) {
         const char* modswitch;
         std::set<std::string> expected;
     } cases[] = {
-        {"4", {"hookswitch"}},
         {"5", {"vxcdb", "hookswitch"}},
         // autoreload needs every bit of 0x103E8; the other modules of those bits come along.
         {"0x103E8",
@@ -106,19 +105,15 @@ TEST(CorvaneSystemConfigTest, TextConfigurationAndPerModuleProperties) {
                     "SENSORI2C is enabled by property"});
 }
 
-TEST(CorvaneSystemConfigTest, TxtConfigZeroSkipsTheReader) {
-    TestSysroot sysroot;
-    sysroot.InstallLibrary(kReader);
-    sysroot.WriteFile(kTxtPath, "vxcdb = true\n");
-    sysroot.SetProperty(kTxtConfig, "0");
-    ExpectDecision(sysroot, {}, {}, {"CorvaneConfigManager"});
-}
-
-TEST(CorvaneSystemConfigTest, MissingTextFileLeavesThePropertiesToDecide) {
+// Without the text file the properties decide; txtconfig 0 leaves the reader unloaded.
+TEST(CorvaneSystemConfigTest, TheReaderIsSkippedWithoutTextFileOrWithTxtConfigZero) {
     TestSysroot sysroot;
     sysroot.InstallLibrary(kReader);
     sysroot.SetProperty(kModSwitch, "1");
     ExpectDecision(sysroot, {"vxcdb"});
+    sysroot.WriteFile(kTxtPath, "monitr = true\n");
+    sysroot.SetProperty(kTxtConfig, "0");
+    ExpectDecision(sysroot, {"vxcdb"}, {}, {"CorvaneConfigManager"});
 }
 
 TEST(CorvaneSystemConfigTest, ReaderLackingOneEntryIsRejected) {

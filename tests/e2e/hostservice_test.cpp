@@ -1,153 +1,100 @@
 // End to end on a host: the supervised camera service on a temporary sysroot with the sample
 // configuration, driven by the real vxcdb binary.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <stdio.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
+#include <regex>
 #include <string>
 #include <vector>
 
-#include "tests/support/testsupport.h"
+#include "tests/support/supervisedservice.h"
 
 namespace {
 
-using corvanetest::TestSysroot;
+using corvanetest::ProgramOutput;
+using corvanetest::SupervisedService;
 using corvanetest::WaitFor;
-
-struct Answer {
-    std::string output;
-    int exitCode = -1;
-};
 
 class HostServiceTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        std::string layout = corvanetest::SourceDir() + "/scripts/make-sysroot.sh '" +
-                             m_sysroot.path() + "' '" + CORVANE_BUILD_DIR + "' >/dev/null";
-        ASSERT_EQ(system(layout.c_str()), 0);
-        m_log = m_sysroot / "camera_service.log";
-        m_supervisor = fork();
-        if (m_supervisor == 0) {
-            freopen(m_log.c_str(), "w", stderr);
-            std::string supervisor = corvanetest::BinDir() + "/corvane_supervisor";
-            std::string service = corvanetest::BinDir() + "/corvane_camera_service";
-            execl(supervisor.c_str(), supervisor.c_str(), "--", service.c_str(), "--sysroot",
-                  m_sysroot.path().c_str(), "--period-ms", "20", nullptr);
-            _exit(127);
-        }
-        ASSERT_TRUE(WaitReady()) << Log();
+        m_service.Start();
+        ASSERT_TRUE(m_service.WaitAnswering()) << m_service.Log();
+    }
+    void TearDown() override { EXPECT_TRUE(m_service.Stop()) << m_service.Log(); }
+
+    // Asks vxcdb corvane until the answer has this exit code and holds `text` (some of what is
+    // asked for is stored a moment after the pipeline hits it).
+    void ExpectAnswer(const std::vector<std::string>& arguments, int exitCode,
+                      const std::string& text) {
+        std::vector<std::string> words = {"corvane"};
+        words.insert(words.end(), arguments.begin(), arguments.end());
+        ProgramOutput answer;
+        EXPECT_TRUE(WaitFor([&] {
+            answer = m_service.Vxcdb(words);
+            return answer.exitCode == exitCode && answer.output.find(text) != std::string::npos;
+        })) << text
+            << "\n"
+            << answer.output;
+    }
+    // Waits until `relative` under the sysroot holds `text`.
+    bool WaitForFile(const std::string& relative, const std::string& text) {
+        return WaitFor(
+            [&] { return m_service.sysroot().ReadFile(relative).find(text) != std::string::npos; });
     }
 
-    void TearDown() override {
-        if (m_supervisor > 0) {
-            kill(m_supervisor, SIGINT);
-            int status = 0;
-            waitpid(m_supervisor, &status, 0);
-            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << Log();
-        }
-    }
-
-    Answer Vxcdb(const std::string& arguments) {
-        Answer answer;
-        std::string command = corvanetest::BinDir() + "/vxcdb " + arguments + " 2>&1";
-        FILE* pipe = popen(command.c_str(), "r");
-        char buffer[1024];
-        while (pipe != nullptr && fgets(buffer, sizeof(buffer), pipe) != nullptr) {
-            answer.output += buffer;
-        }
-        int status = pipe == nullptr ? -1 : pclose(pipe);
-        answer.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        return answer;
-    }
-
-    // Waits until a command's answer contains `text`.
-    bool Eventually(const std::string& arguments, const std::string& text) {
-        return WaitFor([&] { return Vxcdb(arguments).output.find(text) != std::string::npos; });
-    }
-
-    bool WaitReady() {
-        return WaitFor([&] { return Vxcdb("--timeout 1 corvane --help").exitCode == 0; });
-    }
-
-    std::string Log() const { return m_sysroot.ReadFile("camera_service.log"); }
-
-    TestSysroot m_sysroot;
-    std::string m_log;
-    pid_t m_supervisor = -1;
+    SupervisedService m_service;
 };
 
-TEST_F(HostServiceTest, InjectsFaultsThatThePipelineHitsAndClearsThem) {
-    Answer query = Vxcdb("corvane --inject query");
-    EXPECT_EQ(query.exitCode, 0);
-    EXPECT_NE(query.output.find("sensor_i2c_fault  i2c_write_eio     sensor_i2c_write_fail"),
-              std::string::npos)
-        << query.output;
+TEST_F(HostServiceTest, RecordsProbesAndProtectionAndInjectsFaultsThatThePipelineHits) {
+    EXPECT_TRUE(WaitForFile("data/vendor/camera/probe_messages.json", "imx766_wide_i"));
+    // The sample protection scheme guards register 0x0100, which the pipeline writes.
+    EXPECT_TRUE(WaitForFile("data/vendor/camera/bigdata_reports.log", "SENSORI2C"))
+        << m_service.Log();
+    EXPECT_EQ(m_service.sysroot().ReadFile("sys/module/camera/parameters/cam_cci_io_protect"), "0");
 
-    Answer inject = Vxcdb("corvane --inject sensor_i2c_fault");
-    EXPECT_EQ(inject.exitCode, 0);
-    EXPECT_NE(inject.output.find("Hook group executed successfully"), std::string::npos);
-    EXPECT_TRUE(Eventually("corvane --inject result sensor_i2c_fault", "<executed>"));
-    EXPECT_TRUE(WaitFor([&] {
-        return Log().find("CameraSensorI2CWrite(0x10, 0x0042) -> -5") != std::string::npos;
-    })) << Log();
-
-    Answer unknown = Vxcdb("corvane --inject no_such_group");
-    EXPECT_NE(unknown.exitCode, 0);
-    EXPECT_NE(unknown.output.find("Hook group not ready: no_such_group"), std::string::npos);
-
-    Answer clear = Vxcdb("corvane --inject clear");
-    EXPECT_NE(clear.output.find("<cleared>"), std::string::npos);
-    Answer result = Vxcdb("corvane --inject result sensor_i2c_fault");
-    EXPECT_NE(result.output.find("<unhook>"), std::string::npos) << result.output;
-    EXPECT_TRUE(WaitFor([&] {
-        return Log().find("CameraSensorI2CWrite(0x10, 0x0042) -> 0") != std::string::npos;
-    })) << Log();
+    ExpectAnswer({"--inject", "query"}, 0,
+                 "sensor_i2c_fault  i2c_write_eio     sensor_i2c_write_fail");
+    ExpectAnswer({"--inject", "sensor_i2c_fault"}, 0, "Hook group executed successfully");
+    EXPECT_TRUE(m_service.WaitForLog("CameraSensorI2CWrite(0x10, 0x0042) -> -5"))
+        << m_service.Log();
+    ExpectAnswer({"--inject", "result", "sensor_i2c_fault"}, 0, "<executed>");
+    ExpectAnswer({"--inject", "no_such_group"}, 1, "Hook group not ready: no_such_group");
+    ExpectAnswer({"--inject", "clear"}, 0, "<cleared>");
+    ExpectAnswer({"--inject", "result", "sensor_i2c_fault"}, 0, "<unhook>");
+    EXPECT_TRUE(m_service.WaitForLog("CameraSensorI2CWrite(0x10, 0x0042) -> 0")) << m_service.Log();
 }
 
 TEST_F(HostServiceTest, FirmwareInjectionIsAcknowledgedAndShownInTheStatusTables) {
-    Answer firmware = Vxcdb("corvane --inject firmware 0 0 3 3 ecc error");
-    EXPECT_EQ(firmware.exitCode, 0);
-    EXPECT_NE(firmware.output.find("command executed successfully"), std::string::npos);
-    EXPECT_TRUE(Eventually("corvane --inject status 0 3 3", "eeprom_read_corrupt  0"));
-    Answer status = Vxcdb("corvane --inject status eeprom_fault");
-    EXPECT_NE(status.output.find("eeprom_fault  eeprom_read_corrupt  0          3          3"
-                                 "             0x01"),
-              std::string::npos)
-        << status.output;
-    Answer bad = Vxcdb("corvane --inject firmware 0 0 300 3");
-    EXPECT_NE(bad.exitCode, 0);
-    EXPECT_NE(bad.output.find("Invalid firmware parameters: "), std::string::npos);
+    ExpectAnswer({"--inject", "firmware", "0", "0", "3", "3", "ecc", "error"}, 0,
+                 "command executed successfully");
+    ExpectAnswer({"--inject", "status", "0", "3", "3"}, 0, "eeprom_read_corrupt  0");
+    ExpectAnswer({"--inject", "status", "eeprom_fault"}, 0,
+                 "eeprom_fault  eeprom_read_corrupt  0          3          3             0x01");
+    ExpectAnswer({"--inject", "firmware", "0", "0", "300", "3"}, 1,
+                 "Invalid firmware parameters: ");
 }
 
-TEST_F(HostServiceTest, ProbesAndProtectionCallbacksAreRecorded) {
-    EXPECT_TRUE(WaitFor([&] {
-        return m_sysroot.ReadFile("data/vendor/camera/probe_messages.json").find("imx766_wide_i") !=
-               std::string::npos;
-    }));
-    EXPECT_TRUE(WaitFor([&] {
-        return Log().find("probe: sensor type of ov64b_tele5x_ii: \"tele5x\"") != std::string::npos;
-    })) << Log();
-    // The sample protection scheme guards register 0x0100, which the pipeline writes.
-    EXPECT_TRUE(WaitFor([&] {
-        return m_sysroot.ReadFile("data/vendor/camera/bigdata_reports.log").find("SENSORI2C") !=
-               std::string::npos;
-    })) << Log();
-    EXPECT_EQ(m_sysroot.ReadFile("sys/module/camera/parameters/cam_cci_io_protect"), "0");
-}
-
-TEST_F(HostServiceTest, AReloadSignalRestartsTheServiceWithItsInjectedGroups) {
-    ASSERT_EQ(Vxcdb("corvane --inject motion_fault fast").exitCode, 0);
-    Vxcdb("corvane --signal 1");  // the service dies before it can answer
-    EXPECT_TRUE(WaitFor([&] {
-        return Log().find("camera service died by signal 1, restarting") != std::string::npos;
-    })) << Log();
-    ASSERT_TRUE(WaitReady());
-    EXPECT_TRUE(Eventually("corvane --inject result motion_fault", "<Successfully hooked>"));
-    EXPECT_TRUE(WaitFor([&] {
-        return Log().find("CameraActuatorMove(512) -> -110") != std::string::npos;
-    })) << Log();
+// The sample group "sensor_i2c_flaky" fails exactly every N-th I2C read of the pipeline and
+// passes the others on to the sensor library.
+TEST_F(HostServiceTest, ACountedFaultFailsExactlyEveryNthReadAndPassesTheOthersOn) {
+    constexpr unsigned long kPeriod = 3;
+    constexpr unsigned long kFailuresSeen = 4;
+    ExpectAnswer({"--inject", "sensor_i2c_flaky", std::to_string(kPeriod)}, 0, "");
+    ASSERT_TRUE(m_service.WaitForLog("sensor_i2c_read_flaky: read " +
+                                     std::to_string(kPeriod * kFailuresSeen) + " fails"))
+        << m_service.Log();
+    const std::string log = m_service.Log();
+    const std::regex line("sample fault: sensor_i2c_read_flaky: read ([0-9]+) fails");
+    unsigned long failures = 0;
+    for (std::sregex_iterator it(log.begin(), log.end(), line), end; it != end; ++it) {
+        EXPECT_EQ(std::stoul((*it)[1].str()), kPeriod * ++failures);
+    }
+    // The pipeline prints each change of result: every failure is followed by a read that
+    // reached the sensor again.
+    const std::string read = "pipeline: CameraSensorI2CRead(0x10, 0x0042) -> ";
+    EXPECT_GE(m_service.CountInLog(read + "-5 "), static_cast<int>(kFailuresSeen - 1)) << log;
+    EXPECT_GE(m_service.CountInLog(read + "0"), static_cast<int>(kFailuresSeen - 1)) << log;
+    ExpectAnswer({"--inject", "result", "sensor_i2c_flaky"}, 0, "<executed>");
 }
 
 }  // namespace

@@ -31,7 +31,6 @@ TEST(HostileRequests, QuotesAreRefusedBeforeAnythingIsInstalledOrStored) {
         {{"--inject", "sensor_i2c_guard", "0x0100", "slave's reg"},
          "Refused: argument 2 of sensor_i2c_guard holds a single quote, which cannot be stored: "
          "slave's reg"},
-        {{"--inject", "motion_fault", "a'; drop table hook; --"}, "argument 1 of motion_fault"},
         {{"--inject", "motion'fault"}, "the group or case name holds a single quote"},
         // A firmware command looks its parameter up ("... and param='%s'"), then stores it.
         {{"--inject", "firmware", "0", "0", "3", "4", "x'; drop table hook_group; --"},
@@ -84,10 +83,8 @@ TEST(HostileSignals, OnlyTheReloadSignalsAreRaised) {
     EXPECT_NE(restart.output.find("signal 6 raised: the camera service is restarting"),
               std::string::npos)
         << restart.output;
-    EXPECT_TRUE(service.WaitForLog("raise signal: 6"));
     EXPECT_TRUE(service.WaitForLog("camera service died by signal 6, restarting")) << service.Log();
     ASSERT_TRUE(service.WaitAnswering()) << service.Log();
-    EXPECT_NE(service.ServicePid(), first);
     EXPECT_TRUE(service.Stop()) << service.Log();
 }
 

@@ -18,6 +18,7 @@ namespace {
 
 using corvanetest::SupervisedService;
 
+constexpr const char* kDataDir = "data/vendor/camera";
 constexpr const char* kHistory = "data/vendor/camera/probe_messages.json";
 
 TEST(ProbeHistoryFaults, AHistoryPathThatCannotBeReplacedIsLoggedAndQueriesFindNothing) {
@@ -38,57 +39,47 @@ TEST(ProbeHistoryFaults, AHistoryPathThatCannotBeReplacedIsLoggedAndQueriesFindN
     // The type of a sensor comes from its name, not from the history.
     EXPECT_TRUE(service.LogContains("probe: sensor type of ov64b_tele5x_ii: \"tele5x\""));
     // Every temporary file was cleaned up.
-    int left = 0;
-    for (const auto& entry :
-         std::filesystem::directory_iterator(service.Path("data/vendor/camera"))) {
-        left += entry.path().extension() == ".tmp";
+    for (const auto& entry : std::filesystem::directory_iterator(service.Path(kDataDir))) {
+        EXPECT_NE(entry.path().extension(), ".tmp") << entry.path();
     }
-    EXPECT_EQ(left, 0);
     EXPECT_TRUE(service.Stop()) << service.Log();
 }
 
 // Puts a small tmpfs over a directory for this process and its children only (a mount namespace
-// of their own); gone with the process, or undone when this goes out of scope.
+// of their own), and fills it; gone with the process, or undone when this goes out of scope.
 class FullDisk {
   public:
-    explicit FullDisk(const std::string& dir) : m_dir(dir) {
+    explicit FullDisk(const std::string& dir) : m_filler(dir + "/filler") {
         if (unshare(CLONE_NEWNS) != 0 ||
             mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
             mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=64k") != 0) {
-            m_error = strerror(errno);
+            error = strerror(errno);
             return;
         }
-        m_mounted = true;
-        Fill();
-    }
-    ~FullDisk() {
-        if (m_mounted) {
-            umount2(m_dir.c_str(), MNT_DETACH);
-        }
-    }
-    bool mounted() const { return m_mounted; }
-    const std::string& error() const { return m_error; }
-    // Writes until the file system has no room left.
-    void Fill() {
-        int fd = open((m_dir + "/filler").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        m_dir = dir;
+        int fd = open(m_filler.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
         char block[4096] = {};
         while (fd >= 0 && write(fd, block, sizeof(block)) > 0) {
         }
         close(fd);
     }
-    void MakeRoom() { unlink((m_dir + "/filler").c_str()); }
+    ~FullDisk() {
+        if (!m_dir.empty()) {
+            umount2(m_dir.c_str(), MNT_DETACH);
+        }
+    }
+    void MakeRoom() { unlink(m_filler.c_str()); }
+    std::string error;  // why it could not be mounted; empty when it was
 
   private:
-    std::string m_dir;
-    std::string m_error;
-    bool m_mounted = false;
+    std::string m_filler, m_dir;
 };
 
 TEST(ProbeHistoryFaults, AFullDiskLosesTheHistoryAndTheDatabaseUntilThereIsRoomAgain) {
     SupervisedService service;
-    FullDisk disk(service.Path("data/vendor/camera"));
-    if (!disk.mounted()) {
-        GTEST_SKIP() << "no file system of limited size can be mounted here: " << disk.error();
+    FullDisk disk(service.Path(kDataDir));
+    if (!disk.error.empty()) {
+        GTEST_SKIP() << "no file system of limited size can be mounted here: " << disk.error;
     }
     service.Start();
     ASSERT_TRUE(service.WaitAnswering()) << service.Log();

@@ -50,10 +50,6 @@ std::string WithSysroot(std::string text, const std::string& sysroot) {
     return at == std::string::npos ? text : text.replace(at, 1, sysroot);
 }
 
-const Probe kHelpAnswers{{"corvane", "--help"}, 0, "vxcdb corvane --inject query"};
-const Probe kQueryAnswers{{"corvane", "--inject", "query"},
-                          0,
-                          "sensor_i2c_fault  i2c_write_eio     sensor_i2c_write_fail"};
 const Probe kInjectAnswers{
     {"corvane", "--inject", "sensor_i2c_fault"}, 0, "Hook group executed successfully"};
 const Probe kNoGroups{
@@ -66,27 +62,14 @@ const StartupFault kFaults[] = {
      {"[MESSAGECENTER]", "m_pCorvaneSystemCore is NULL", "m_pMessageCenterSubscribeFuncPtr is NULL",
       "camera service: no message bus"},
      // Firmware commands still answer; only the bus message is lost.
-     {kHelpAnswers,
-      kInjectAnswers,
+     {kInjectAnswers,
       {{"corvane", "--inject", "firmware", "0", "0", "3", "3", "x"},
        0,
        "command executed successfully"}}},
-    {"ConfigurationReaderMissing",
-     [](SupervisedService& s) { Remove(s, "vendor/lib64/com.halvern.corvanesystem.config.so"); },
-     // The switches then come from the properties alone, which switch everything on here.
-     {"dlopen(vendor/lib64/com.halvern.corvanesystem.config.so) failed: "},
-     {kHelpAnswers, kQueryAnswers, kInjectAnswers}},
     {"HookCaseFileMissing",
      [](SupervisedService& s) { Remove(s, kHookCaseFile); },
      {"/odm/etc/camera/corvanesystem_hook_case.json not exists"},
-     {kHelpAnswers,
-      {{"corvane", "--inject", "sensor_i2c_fault"}, 1, "Hook operation not initialized"}}},
-    {"HookCaseFileEmpty",
-     Write(kHookCaseFile, ""),
-     {"Failed to initialize ConfigLoadJson: @/odm/etc/camera/corvanesystem_hook_case.json",
-      "@/odm/etc/camera/corvanesystem_hook_case.json is not valid JSON at line 1, column 1 (byte "
-      "offset 0): The document is empty."},
-     {kHelpAnswers, {{"corvane", "--inject", "query"}, 0, "(no rows)"}, kNoGroups}},
+     {{{"corvane", "--inject", "sensor_i2c_fault"}, 1, "Hook operation not initialized"}}},
     // A missing comma: the place is logged, and the guard that is therefore off says so.
     {"HookCaseFileMalformed",
      Write(kHookCaseFile, "{\"HOOK_GROUP\": [\n  {\"group_id\": 1 \"group_name\": \"x\"}]}"),
@@ -94,23 +77,15 @@ const StartupFault kFaults[] = {
       "@/odm/etc/camera/corvanesystem_hook_case.json is not valid JSON at line 2, column 18 (byte "
       "offset 34): Missing a comma or '}' after an object member.",
       "protection scheme: SENSORI2C hook group: sensor_i2c_guard is not in force"},
-     {kHelpAnswers, kNoGroups}},
+     {kNoGroups}},
     {"ProtectionFileMissing",
      [](SupervisedService& s) { Remove(s, kProtectionFile); },
      {"Failed to open: @/odm/etc/camera/protection_config.json"},
-     {kHelpAnswers, kInjectAnswers, kNoGuard}},
-    {"ProtectionFileEmpty",
-     Write(kProtectionFile, ""),
-     {"Failed to parse @/odm/etc/camera/protection_config.json: The document is empty."},
-     {kHelpAnswers, kInjectAnswers, kNoGuard}},
-    {"ProtectionFileMalformed",
-     Write(kProtectionFile, "[{\"protection_scheme\": "),
-     {"Failed to parse @/odm/etc/camera/protection_config.json: "},
-     {kHelpAnswers, kInjectAnswers, kNoGuard}},
+     {kInjectAnswers, kNoGuard}},
     {"ProtectionFileNotAList",
      Write(kProtectionFile, "{\"protection_scheme\": \"SENSORI2C\"}"),
      {"@/odm/etc/camera/protection_config.json: the root is not an array, no protection scheme"},
-     {kHelpAnswers, kInjectAnswers, kNoGuard}},
+     {kInjectAnswers, kNoGuard}},
     // No directory for the socket, the databases and the probe history: the service runs on
     // without a debug channel (no retry), and nothing it stores is kept.
     {"DataDirectoryMissing",

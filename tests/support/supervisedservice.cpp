@@ -1,6 +1,5 @@
 #include "tests/support/supervisedservice.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
@@ -8,13 +7,12 @@
 #include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
-#include <sstream>
 
 extern char** environ;
 
@@ -26,18 +24,9 @@ constexpr const char* kReadyLine = "camera service: ready";
 constexpr const char* kPidLine = "camera service: controller ready (";
 
 int CountEntries(const std::string& dir) {
-    DIR* handle = opendir(dir.c_str());
-    if (handle == nullptr) {
-        return -1;
-    }
-    int count = 0;
-    while (dirent* entry = readdir(handle)) {
-        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
-            ++count;
-        }
-    }
-    closedir(handle);
-    return count;
+    std::error_code error;
+    auto entries = std::filesystem::directory_iterator(dir, error);
+    return error ? -1 : static_cast<int>(std::distance(entries, {}));
 }
 
 // The value of a "Name:\tvalue" line of /proc/<pid>/status, or empty.
@@ -90,15 +79,6 @@ ProgramOutput RunProgram(std::vector<std::string> words) {
     return answer;
 }
 
-std::string SqliteShell(const std::string& path, const std::string& sql) {
-    // The service may be writing: wait for its lock as it waits for ours.
-    return RunProgram({"sqlite3", "-cmd", ".timeout 5000", path, sql}).output;
-}
-
-bool IsAnswered(const ProgramOutput& answer) {
-    return answer.exitCode == 0 || answer.exitCode == 1;
-}
-
 ProcessFigures FiguresOf(pid_t pid) {
     ProcessFigures figures;
     std::string proc = "/proc/" + std::to_string(pid);
@@ -117,10 +97,6 @@ SupervisedService::SupervisedService() : m_log(m_sysroot / "camera_service.log")
     if (system(layout.c_str()) != 0) {
         ADD_FAILURE() << "could not lay out the sysroot: " << layout;
     }
-}
-
-SupervisedService::~SupervisedService() {
-    Stop();
 }
 
 void SupervisedService::AddProperty(const std::string& name, const std::string& value) {
@@ -182,13 +158,6 @@ ProgramOutput SupervisedService::Vxcdb(const std::vector<std::string>& arguments
     return RunProgram(words);
 }
 
-std::string SupervisedService::Log() const {
-    std::ifstream file(m_log, std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
-}
-
 int SupervisedService::CountInLog(const std::string& text) const {
     std::string log = Log();
     int count = 0;
@@ -196,11 +165,6 @@ int SupervisedService::CountInLog(const std::string& text) const {
         ++count;
     }
     return count;
-}
-
-bool SupervisedService::WaitForLog(const std::string& text,
-                                   std::chrono::milliseconds timeout) const {
-    return WaitFor([&] { return LogContains(text); }, timeout);
 }
 
 pid_t SupervisedService::ServicePid() const {

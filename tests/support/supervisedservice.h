@@ -20,13 +20,17 @@ struct ProgramOutput {
 };
 
 // vxcdb's exit codes for a request that got a reply: 0, or 1 when the reply carries an error.
-bool IsAnswered(const ProgramOutput& answer);
+inline bool IsAnswered(const ProgramOutput& answer) {
+    return answer.exitCode == 0 || answer.exitCode == 1;
+}
 
 // Runs a program (looked up in PATH when the name has no slash) with these words as its argv, no
 // shell involved; its output and exit code. Safe to call from many threads.
 ProgramOutput RunProgram(std::vector<std::string> words);
 // What the sqlite3 command-line shell prints for `sql` run on the database at `path`.
-std::string SqliteShell(const std::string& path, const std::string& sql);
+inline std::string SqliteShell(const std::string& path, const std::string& sql) {
+    return Sql(path, sql);
+}
 
 // Resources a process holds, read from /proc.
 struct ProcessFigures {
@@ -41,7 +45,7 @@ ProcessFigures FiguresOf(pid_t pid);
 class SupervisedService {
   public:
     SupervisedService();
-    ~SupervisedService();
+    ~SupervisedService() { Stop(); }
     SupervisedService(const SupervisedService&) = delete;
     SupervisedService& operator=(const SupervisedService&) = delete;
 
@@ -67,11 +71,13 @@ class SupervisedService {
     ProgramOutput Vxcdb(const std::vector<std::string>& arguments,
                         double timeoutSeconds = 10) const;
 
-    std::string Log() const;
+    std::string Log() const { return ReadTextFile(m_log); }
     int CountInLog(const std::string& text) const;
     bool LogContains(const std::string& text) const { return CountInLog(text) > 0; }
     bool WaitForLog(const std::string& text,
-                    std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+                    std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {
+        return WaitFor([&] { return LogContains(text); }, timeout);
+    }
     // The pid of the latest service started, from its line "camera service: controller ready
     // (...), pid N"; -1 before there is one.
     pid_t ServicePid() const;

@@ -2,16 +2,17 @@
 
 #include <android/log.h>
 #include <gtest/gtest.h>
-#include <stdio.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <thread>
+
+#include "tests/support/supervisedservice.h"
 
 namespace fs = std::filesystem;
 
@@ -27,12 +28,10 @@ std::string SourceDir() {
     return CORVANE_SOURCE_DIR;
 }
 
-TempDir::TempDir() {
-    std::string pattern = (fs::temp_directory_path() / "corvane-test-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) {
+TempDir::TempDir() : m_path((fs::temp_directory_path() / "corvane-test-XXXXXX").string()) {
+    if (mkdtemp(m_path.data()) == nullptr) {
         abort();
     }
-    m_path = pattern;
 }
 
 TempDir::~TempDir() {
@@ -42,20 +41,16 @@ TempDir::~TempDir() {
 
 namespace {
 
-bool SaveEnv(const char* name, std::string* old) {
-    const char* value = getenv(name);
-    if (value != nullptr) {
-        *old = value;
-    }
-    return value != nullptr;
+// Sets the variable and returns its previous value, null when it was unset.
+std::unique_ptr<std::string> SwapEnv(const char* name, const std::string& value) {
+    const char* old = getenv(name);
+    std::unique_ptr<std::string> saved(old == nullptr ? nullptr : new std::string(old));
+    setenv(name, value.c_str(), 1);
+    return saved;
 }
 
-void RestoreEnv(const char* name, bool had, const std::string& old) {
-    if (had) {
-        setenv(name, old.c_str(), 1);
-    } else {
-        unsetenv(name);
-    }
+void RestoreEnv(const char* name, const std::unique_ptr<std::string>& old) {
+    old == nullptr ? unsetenv(name) : setenv(name, old->c_str(), 1);
 }
 
 }  // namespace
@@ -65,16 +60,14 @@ TestSysroot::TestSysroot() {
          {"odm/etc/camera", "data/vendor/camera", "vendor/lib64", "sys/module/camera/parameters"}) {
         fs::create_directories(m_dir / dir);
     }
-    m_hadSysroot = SaveEnv("CORVANE_SYSROOT", &m_oldSysroot);
-    m_hadPropFile = SaveEnv("CORVANE_PROP_FILE", &m_oldPropFile);
-    setenv("CORVANE_SYSROOT", m_dir.path().c_str(), 1);
-    setenv("CORVANE_PROP_FILE", propertyFile().c_str(), 1);
+    m_oldSysroot = SwapEnv("CORVANE_SYSROOT", m_dir.path());
+    m_oldPropFile = SwapEnv("CORVANE_PROP_FILE", propertyFile());
     WriteProperties();
 }
 
 TestSysroot::~TestSysroot() {
-    RestoreEnv("CORVANE_SYSROOT", m_hadSysroot, m_oldSysroot);
-    RestoreEnv("CORVANE_PROP_FILE", m_hadPropFile, m_oldPropFile);
+    RestoreEnv("CORVANE_SYSROOT", m_oldSysroot);
+    RestoreEnv("CORVANE_PROP_FILE", m_oldPropFile);
 }
 
 void TestSysroot::InstallLibrary(const std::string& fileName, const std::string& as) {
@@ -84,14 +77,13 @@ void TestSysroot::InstallLibrary(const std::string& fileName, const std::string&
 }
 
 void TestSysroot::SetProperty(const std::string& name, const std::string& value) {
-    for (auto& property : m_properties) {
-        if (property.first == name) {
-            property.second = value;
-            WriteProperties();
-            return;
-        }
+    auto it = std::find_if(m_properties.begin(), m_properties.end(),
+                           [&](const auto& property) { return property.first == name; });
+    if (it == m_properties.end()) {
+        m_properties.emplace_back(name, value);
+    } else {
+        it->second = value;
     }
-    m_properties.emplace_back(name, value);
     WriteProperties();
 }
 
@@ -101,11 +93,11 @@ void TestSysroot::ClearProperties() {
 }
 
 void TestSysroot::WriteProperties() {
-    std::ostringstream text;
-    for (const auto& property : m_properties) {
-        text << property.first << "=" << property.second << "\n";
+    std::string text;
+    for (const auto& [name, value] : m_properties) {
+        text += name + "=" + value + "\n";
     }
-    WriteFile("corvane.prop", text.str());
+    WriteFile("corvane.prop", text);
 }
 
 void TestSysroot::WriteFile(const std::string& relative, const std::string& content) {
@@ -170,19 +162,17 @@ std::vector<LogLine> LogCapture::Lines() const {
 int LogCapture::Count(const std::string& text, const std::string& tag) const {
     int count = 0;
     for (const LogLine& line : Lines()) {
-        if (line.message.find(text) != std::string::npos && (tag.empty() || line.tag == tag)) {
-            ++count;
-        }
+        count += line.message.find(text) != std::string::npos && (tag.empty() || line.tag == tag);
     }
     return count;
 }
 
 std::string LogCapture::Dump() const {
-    std::ostringstream text;
+    std::string text;
     for (const LogLine& line : Lines()) {
-        text << line.priority << " " << line.tag << " " << line.message << "\n";
+        text += std::to_string(line.priority) + " " + line.tag + " " + line.message + "\n";
     }
-    return text.str();
+    return text;
 }
 
 int RunInChild(const std::function<int()>& body) {
@@ -220,25 +210,14 @@ void WriteTextFile(const std::string& path, const std::string& content) {
 }
 
 std::string ReadTextFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
     std::ostringstream content;
-    content << file.rdbuf();
+    content << std::ifstream(path, std::ios::binary).rdbuf();
     return content.str();
 }
 
 std::string Sql(const std::string& path, const std::string& query) {
-    std::string output;
-    FILE* pipe =
-        popen(("sqlite3 -separator '|' '" + path + "' \"" + query + "\" 2>&1").c_str(), "r");
-    if (pipe == nullptr) {
-        return output;
-    }
-    char buffer[512];
-    while (fgets(buffer, sizeof(buffer), pipe) != nullptr) {
-        output += buffer;
-    }
-    pclose(pipe);
-    return output;
+    // A running service may be writing: wait for its lock as it waits for ours.
+    return RunProgram({"sqlite3", "-separator", "|", "-cmd", ".timeout 5000", path, query}).output;
 }
 
 bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -66,8 +67,8 @@ class TestSysroot {
     void WriteProperties();
     TempDir m_dir;
     std::vector<std::pair<std::string, std::string>> m_properties;
-    std::string m_oldSysroot, m_oldPropFile, m_oldCwd;
-    bool m_hadSysroot = false, m_hadPropFile = false;
+    // The variables' values before, null for unset ones.
+    std::unique_ptr<std::string> m_oldSysroot, m_oldPropFile;
 };
 
 // Changes the working directory for its lifetime (the camera service runs in "/").
@@ -100,13 +101,13 @@ class LogCapture {
     std::string Dump() const;
 };
 
-// Runs `body` in a forked child and returns its wait status. Use for behaviour fixed once per
-// process (cached properties, switches decided at first use). The child's result is body()'s.
+// Runs `body` in a forked child and returns its wait status: for behaviour fixed once per
+// process (cached properties, switches decided at first use). The child exits with body()'s.
 int RunInChild(const std::function<int()>& body);
-// Convenience: true when the child exited normally with code 0.
+// True when the child exited normally with code 0.
 bool ChildSucceeded(int status);
-// Runs a test body that uses EXPECT_*/ASSERT_* in a forked child; the child fails when any
-// expectation failed there (its messages are printed by the child). Returns the wait status.
+// Runs a body that uses EXPECT_*/ASSERT_* in a forked child, which exits 1 when an expectation
+// failed there (printing its messages). Returns the wait status.
 int RunTestInChild(const std::function<void()>& body);
 // RunTestInChild, failing the current test when the child failed.
 void ExpectInChild(const std::function<void()>& body);
