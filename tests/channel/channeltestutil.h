@@ -2,7 +2,6 @@
 // engine, and real client sockets with deadlines.
 #pragma once
 
-#include <errno.h>
 #include <linux/sockios.h>
 #include <string.h>
 #include <sys/ioctl.h>
@@ -241,13 +240,10 @@ class ClientSocket {
         }
         return SendBytes(bytes + from, size - from);
     }
-    enum class Received { kFrame, kClosed, kTimeout };
-    // Reads one whole frame, or reports the end of the connection or the deadline.
-    Received Receive(VXCDBMessageString* frame) {
-        ssize_t n = recv(m_fd, frame, sizeof(*frame), MSG_WAITALL);
-        return n == static_cast<ssize_t>(sizeof(*frame)) ? Received::kFrame
-               : n < 0 && errno == EAGAIN                ? Received::kTimeout
-                                                         : Received::kClosed;
+    // Reads one whole frame; false at the end of the connection or at the deadline.
+    bool Receive(VXCDBMessageString* frame) {
+        return recv(m_fd, frame, sizeof(*frame), MSG_WAITALL) ==
+               static_cast<ssize_t>(sizeof(*frame));
     }
     // What a look at the socket right now finds: 0 when the server has closed its end and
     // nothing is left to read, -1 when nothing is waiting.
