@@ -199,6 +199,7 @@ TEST_F(SocketServer, IdlePeersHoldNoMoreThanTheCapAndOnlyUntilTheDeadline) {
     // Those over the cap are closed at once, without a thread.
     ASSERT_TRUE(corvanetest::WaitFor([&] { return closed() >= kIdle - kCap; }));
     EXPECT_LE(ThreadsAndDescriptors().first, alone.first + 1 + kCap);
+    EXPECT_LE(m_log.Count("Setup connect to client"), kCap + 1) << "and the first connection";
     const int refusalLines = m_log.Count("Too many client connections");
     EXPECT_GE(refusalLines, 1);
     EXPECT_LE(refusalLines, 1 + static_cast<int>(SecondsSince(start))) << "one line a second";

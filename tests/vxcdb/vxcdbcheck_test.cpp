@@ -115,11 +115,12 @@ TEST_F(ConfigurationCheck, FindsEachMistakeInAHookCaseFileWhereItIs) {
           {"null", {"each element of \"case\" must be an unsigned 64-bit integer, not null"}},
           {"1.5", {"\"function_type\" must be a 32-bit integer, not 1.5"}}}},
         // Ids and names given twice.
-        {HookCaseFile(kGroup + ", " + kGroup, kCase + ", " + kCase, kHook),
+        {HookCaseFile(kGroup + ", " + kGroup, kCase + ", " + kCase, kHook + ",\n" + kHook),
          {{"1, \"group_name\"", {"group id 1 given twice (first at line 3)"}, 2},
           {"\"sensor_faults\"", {"group name \"sensor_faults\" given twice"}, 2},
           {"1, \"case_name\"", {"case id 1 given twice", "replaces the earlier one"}, 2},
-          {"\"write_eio\"", {"case name \"write_eio\" given twice"}, 2}}},
+          {"\"write_eio\"", {"case name \"write_eio\" given twice"}, 2},
+          {"\"sensor_write_fail\", \"hook_type\"", {"hook name \"sensor_write_fail\""}, 2}}},
         // A group naming no case, a case naming no hook.
         {HookCaseFile(With(kGroup, "[1]", "[1, 7]"),
                       With(kCase, "[\"sensor_write_fail\"]",
