@@ -93,22 +93,18 @@ TEST_F(SocketServer, RequestsItCannotExecuteAreEchoed) {
         bool withController;
         VXCDBMessageString request;
         size_t frames;
-        const char* logged;
     } cases[] = {
-        {true, Frame(Request("camera", {{"help", {"x"}}}, std::nullopt), 3), 1,
-         "rcv moduleType other"},
-        {true, Frame(Request("camera", {{"help", {"x"}}}, VXCDBMessage::MAX), 3), 1,
-         "rcv moduleType other"},
-        {false, kHelp, 1, "moduleType CORVANE is null"},
-        {true, Frame(Request("debug", {{"dumpimagesensormoduledata", {}}}, VXCDBMessage::DEBUG)), 2,
-         ""},
+        {true, Frame(Request("camera", {{"help", {"x"}}}, std::nullopt), 3), 1},
+        {true, Frame(Request("camera", {{"help", {"x"}}}, VXCDBMessage::MAX), 3), 1},
+        {false, kHelp, 1},
+        {true, Frame(Request("debug", {{"dumpimagesensormoduledata", {}}}, VXCDBMessage::DEBUG)),
+         2},
     };
     for (const auto& c : cases) {
         Serve(c.withController ? m_controller.get() : nullptr);
         std::vector<VXCDBMessageString> frames = Exchange(c.request);
-        ASSERT_EQ(frames.size(), c.frames) << c.logged;
+        ASSERT_EQ(frames.size(), c.frames);
         EXPECT_TRUE(SameFrame(frames.back(), c.request));
-        EXPECT_TRUE(m_log.Contains(c.logged)) << m_log.Dump();
         m_server.reset();
     }
 }

@@ -64,14 +64,11 @@ class ConfigurationCheck : public ::testing::Test {
                                    m_sysroot / "vendor/lib64/libunresolved_fault.so");
     }
 
-    vxcdb::CheckResult Check(const std::string& text) {
-        corvanetest::WriteTextFile(m_files / "checked.json", text);
-        return vxcdb::CheckConfigurationFile(m_files / "checked.json", m_sysroot.path(), true);
-    }
-
     void ExpectProblems(const std::string& text, const std::vector<Expected>& expected) {
         SCOPED_TRACE(text.substr(0, 300));
-        vxcdb::CheckResult result = Check(text);
+        corvanetest::WriteTextFile(m_files / "checked.json", text);
+        vxcdb::CheckResult result =
+            vxcdb::CheckConfigurationFile(m_files / "checked.json", m_sysroot.path(), true);
         ASSERT_EQ(result.problems.size(), expected.size());
         for (size_t i = 0; i < expected.size(); ++i) {
             const vxcdb::CheckProblem& problem = result.problems[i];
