@@ -2,12 +2,9 @@
 // engine, and real client sockets with deadlines.
 #pragma once
 
-#include <errno.h>
 #include <linux/sockios.h>
-#include <poll.h>
 #include <string.h>
 #include <sys/ioctl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -15,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
@@ -28,6 +24,7 @@
 #include "core/controller/vxcdbprotocol.h"
 #include "core/model/hook/hookoperationimpl.h"
 #include "core/server/server.h"
+#include "tests/support/supervisedservice.h"
 #include "tests/support/testsupport.h"
 
 // Reaches into the controller to put a stand-in hook engine in place (declared a friend there).
@@ -61,21 +58,14 @@ class FakeHookOperation : public HookOperationImpl {
 
     std::vector<HookRelationship> relations;
     std::set<std::string> readyGroups, executedGroups;
-    std::set<std::string> readyAfterInject;  // groups that become ready when injected
     int doHookGroupResult = 0;
     std::map<std::string, std::pair<unsigned long, unsigned long>> hookIds;  // case and hook id
-    std::vector<std::vector<std::string>>
-        acks;  // hook, camera module, subdevice, interface, status
+    // Rows of hook, camera module, subdevice, interface, status.
+    std::vector<std::vector<std::string>> acks;
     // What was asked.
     std::vector<std::pair<std::string, std::vector<std::string>>> injected;
     std::vector<HookFw> processed;
     int unhookAllCalls = 0;
-
-    void AddRelation(const std::string& group, unsigned long caseId, const std::string& caseName,
-                     const std::string& hook, const std::string& result = "",
-                     bool executed = false) {
-        relations.push_back({HOOK_ID_NONE, group, caseId, caseName, hook, result, executed});
-    }
 
     std::vector<HookRelationship> GetHookRelationshipList() override { return relations; }
     bool IsHookGroupReady(const std::string& name) override { return readyGroups.count(name) > 0; }
@@ -84,9 +74,6 @@ class FakeHookOperation : public HookOperationImpl {
     }
     int DoHookGroup(const std::string& name, const std::vector<std::string>& args) override {
         injected.push_back({name, args});
-        if (doHookGroupResult == 0 && readyAfterInject.count(name) > 0) {
-            readyGroups.insert(name);
-        }
         return doHookGroupResult;
     }
     void UnhookAllCase() override { ++unhookAllCalls; }
@@ -136,19 +123,16 @@ inline VXCDBMessage Request(
     if (type) {
         message.set_moduletype(*type);
     }
-    for (const Command& command : commands) {
+    for (const auto& [option, arguments] : commands) {
         VXCDBMessage_CDBCmd* cmd = message.add_cmds();
-        cmd->set_options(command.first);
-        for (const std::string& argument : command.second) {
-            cmd->add_arguments(argument);
-        }
+        cmd->set_options(option);
+        cmd->mutable_arguments()->Add(arguments.begin(), arguments.end());
     }
     return message;
 }
 
 inline VXCDBMessageString Frame(const VXCDBMessage& message, int32_t msgType = 0) {
-    VXCDBMessageString frame;
-    memset(&frame, 0, sizeof(frame));
+    VXCDBMessageString frame = {};
     std::string bytes = message.SerializeAsString();
     frame.msgType = msgType;
     frame.payloadLen = static_cast<int32_t>(bytes.size());
@@ -170,6 +154,10 @@ inline Entries ErrorEntries(const std::string& error) {
 
 inline Entries TableEntries(const std::string& header, const std::vector<std::string>& rows) {
     return {{"type", {"list"}}, {header, rows}};
+}
+
+inline Entries MessageEntries(const std::string& message) {
+    return {{"type", {"string"}}, {"message", {message}}};
 }
 
 // A controller as the process would create it (every property unset: every sub-module off),
@@ -214,13 +202,6 @@ inline ServerPtr StartServer(const std::string& path, CorvaneSystem* system) {
     return ServerPtr(Server::Create({10, system, path}), &Server::Destroy);
 }
 
-inline sockaddr_un Address(const std::string& path) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    return address;
-}
-
 // A client socket whose reads give up after ten seconds, closed when it goes away.
 class ClientSocket {
   public:
@@ -234,16 +215,18 @@ class ClientSocket {
     ClientSocket(const ClientSocket&) = delete;
     ClientSocket& operator=(const ClientSocket&) = delete;
     bool Connect(const std::string& path) {
-        sockaddr_un address = Address(path);
+        sockaddr_un address = {AF_UNIX, {}};
+        strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
         m_connected = connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
         return m_connected;
     }
     bool connected() const { return m_connected; }
-    int fd() const { return m_fd; }
-    bool Send(const VXCDBMessageString& frame) { return SendBytes(&frame, sizeof(frame)); }
-    // Sends the frame in pieces cut at the offsets `cuts` (ascending); each piece is sent only
-    // once the server has read the one before, so that the server sees them apart.
-    bool SendInPieces(const VXCDBMessageString& frame, const std::vector<size_t>& cuts) {
+    bool Send(const VXCDBMessageString& frame) { return SendInPieces(frame, {}); }
+    // Sends the first `size` bytes of the frame in pieces cut at the offsets `cuts` (ascending);
+    // each piece is sent only once the server has read the one before, so that the server sees
+    // them apart.
+    bool SendInPieces(const VXCDBMessageString& frame, const std::vector<size_t>& cuts,
+                      size_t size = sizeof(VXCDBMessageString)) {
         const char* bytes = reinterpret_cast<const char*>(&frame);
         size_t from = 0;
         for (size_t to : cuts) {
@@ -255,25 +238,18 @@ class ClientSocket {
             }
             from = to;
         }
-        return SendBytes(bytes + from, sizeof(frame) - from);
+        return SendBytes(bytes + from, size - from);
     }
-    enum class Received { kFrame, kClosed, kTimeout };
-    // Reads one whole frame, or reports the end of the connection or the deadline.
-    Received Receive(VXCDBMessageString* frame) {
-        ssize_t n = recv(m_fd, frame, sizeof(*frame), MSG_WAITALL);
-        return n == static_cast<ssize_t>(sizeof(*frame)) ? Received::kFrame
-               : n < 0 && errno == EAGAIN                ? Received::kTimeout
-                                                         : Received::kClosed;
+    // Reads one whole frame; false at the end of the connection or at the deadline.
+    bool Receive(VXCDBMessageString* frame) {
+        return recv(m_fd, frame, sizeof(*frame), MSG_WAITALL) ==
+               static_cast<ssize_t>(sizeof(*frame));
     }
-    // True when nothing is waiting to be read right now.
-    bool NothingPending() {
+    // What a look at the socket right now finds: 0 when the server has closed its end and
+    // nothing is left to read, -1 when nothing is waiting.
+    ssize_t Peek() {
         char byte;
-        return recv(m_fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && errno == EAGAIN;
-    }
-    // True when the server has closed its end and nothing is left to read.
-    bool ClosedByServer() {
-        char byte;
-        return recv(m_fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
+        return recv(m_fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
     }
 
   private:
@@ -285,31 +261,10 @@ class ClientSocket {
     bool m_connected = false;
 };
 
-// Threads and descriptors of this process, from /proc (the listing's own descriptor left out).
-inline int CountEntries(const char* directory) {
-    auto entries = std::filesystem::directory_iterator(directory);
-    int count = static_cast<int>(std::distance(begin(entries), end(entries)));
-    return count - (strcmp(directory, "/proc/self/fd") == 0);
-}
-inline int ThreadCount() {
-    return CountEntries("/proc/self/task");
-}
-inline int DescriptorCount() {
-    return CountEntries("/proc/self/fd");
-}
-
-// Raises this process's soft descriptor limit to at least `wanted` (as far as the hard limit
-// allows); false when it cannot reach it.
-inline bool RaiseDescriptorLimit(rlim_t wanted) {
-    rlimit limit = {};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        return false;
-    }
-    if (limit.rlim_cur >= wanted) {
-        return true;
-    }
-    limit.rlim_cur = std::min(wanted, limit.rlim_max);
-    return setrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur == wanted;
+// Threads and descriptors of this process, from /proc.
+inline std::pair<int, int> ThreadsAndDescriptors() {
+    corvanetest::ProcessFigures figures = corvanetest::FiguresOf(getpid());
+    return {figures.threads, figures.descriptors};
 }
 
 inline bool WaitConnectable(const std::string& path) {

@@ -4,10 +4,6 @@
 #include <rapidjson/document.h>
 #include <stdlib.h>
 
-#include <set>
-#include <string>
-#include <vector>
-
 #include "tests/support/samplesysroot.h"
 #include "tests/support/supervisedservice.h"
 
@@ -15,103 +11,13 @@ namespace {
 
 using corvanetest::ProgramOutput;
 using corvanetest::RunProgram;
-using corvanetest::SupervisedService;
 
 constexpr int kExitCampaignFailed = 10;  // documented in docs/campaigns.md
 
-class CampaignTest : public ::testing::Test {
-  protected:
-    // Starts the service; a test that needs its own hook cases writes them first.
-    void StartService() {
-        // The checks of the sample campaign read the service log from this variable.
-        setenv("CORVANE_SERVICE_LOG", m_service.Path("camera_service.log").c_str(), 1);
-        m_service.Start();
-        ASSERT_TRUE(m_service.WaitAnswering()) << m_service.Log();
-    }
-
-    // vxcdb with these options; standard output only when `stdoutOnly` (for --json).
-    ProgramOutput Vxcdb(const std::vector<std::string>& options, bool stdoutOnly = false) {
-        std::vector<std::string> words = {
-            "sh", "-c", std::string("\"$@\"") + (stdoutOnly ? " 2>/dev/null" : ""), "sh",
-            corvanetest::BinDir() + "/vxcdb"};
-        words.insert(words.end(), options.begin(), options.end());
-        return RunProgram(words);
-    }
-
-    std::string CampaignFile(const std::string& name, const std::string& text) {
-        std::string path = m_service.Path(name);
-        corvanetest::WriteTextFile(path, text);
-        return path;
-    }
-
-    // The value of an XPath expression over the report, as xmllint prints it.
-    std::string XPath(const std::string& expression) {
-        ProgramOutput result = RunProgram({"xmllint", "--xpath", expression, m_junit});
-        EXPECT_EQ(result.exitCode, 0) << expression << ": " << result.output;
-        // Some versions end the value with a line feed.
-        std::string value = result.output;
-        while (!value.empty() && value.back() == '\n') {
-            value.pop_back();
-        }
-        return value;
-    }
-
-    std::string GroupResult(const std::string& group) {
-        return m_service.Vxcdb({"corvane", "--inject", "result", group}).output;
-    }
-
-    SupervisedService m_service;
-    std::string m_junit = m_service.Path("report.xml");
-};
-
-TEST_F(CampaignTest, TheSampleCampaignPassesWholeAfterAMalformedOneInjectedNothing) {
-    StartService();
-    // The first step is valid and would stay injected: the mistake in the second stops all.
-    std::string malformed = CampaignFile("malformed.json", R"({"steps": [
-        {"group": "sensor_i2c_fault", "clear": false},
-        {"group": "motion_fault", "within": 3},
-    ]})");
-    ProgramOutput refused = Vxcdb({"--junit", m_junit, "--campaign", malformed});
-    EXPECT_EQ(refused.exitCode, 2);
-    EXPECT_NE(refused.output.find(malformed + ": step 2 (motion_fault): \"within\": unknown key"),
-              std::string::npos)
-        << refused.output;
-    EXPECT_NE(GroupResult("sensor_i2c_fault").find("<unhook>"), std::string::npos);
-
-    ProgramOutput run = Vxcdb({"--json", "--junit", m_junit, "--campaign",
-                               corvanetest::SourceDir() + "/host/samples/campaign.json"},
-                              true);
-    EXPECT_EQ(run.exitCode, 0) << run.output << m_service.Log();
-    rapidjson::Document result;
-    ASSERT_FALSE(result.Parse(run.output.c_str()).HasParseError()) << run.output;
-    EXPECT_TRUE(result["passed"].GetBool()) << run.output;
-    const int steps = result["counts"]["steps"].GetInt();
-
-    // Every group of the sample hook cases has its step, and one step is a firmware command.
-    std::set<std::string> stepNames;
-    int firmwareSteps = 0;
-    for (const auto& step : result["steps"].GetArray()) {
-        stepNames.insert(step["name"].GetString());
-        firmwareSteps += std::string(step["kind"].GetString()) == "firmware" ? 1 : 0;
-    }
-    EXPECT_EQ(firmwareSteps, 1);
-    std::string query = m_service.Vxcdb({"corvane", "--inject", "query"}).output;
-    for (size_t line = query.find("\n", query.find("\n") + 1); line + 1 < query.size();
-         line = query.find("\n", line + 1)) {
-        std::string group = query.substr(line + 1, query.find(' ', line + 1) - line - 1);
-        bool covered = false;
-        for (const std::string& name : stepNames) {
-            covered = covered || name == group || name.rfind(group + " ", 0) == 0;
-        }
-        EXPECT_TRUE(covered) << "no step injects " << group;
-    }
-
-    EXPECT_EQ(XPath("count(//testcase)"), std::to_string(steps));
-    EXPECT_EQ(XPath("count(//testcase/failure)"), "0");
-    EXPECT_EQ(XPath("string(/testsuites/testsuite/@tests)"), std::to_string(steps));
-}
-
-TEST_F(CampaignTest, FailedStepsSayWhichQuestionFailedAndTheCampaignGoesOn) {
+// A malformed campaign injects nothing; the sample campaign passes whole; a campaign whose steps
+// fail says which question failed for each and goes on to the next.
+TEST(CampaignTest, VerdictsPerStepInTheOutputAndTheJUnitReport) {
+    corvanetest::SupervisedService service;
     // A group whose victim the pipeline never calls: its fault cannot run.
     std::string hookCases = corvanetest::ReadTextFile(
         corvanetest::SourceDir() + "/host/samples/etc/corvanesystem_hook_case.json");
@@ -126,21 +32,71 @@ TEST_F(CampaignTest, FailedStepsSayWhichQuestionFailedAndTheCampaignGoesOn) {
              "source_function_symbol": "CameraActuatorPosition",
              "target_function_symbol": "FaultActuatorMoveTimeout"},)"},
     };
-    for (const auto& addition : additions) {
-        size_t at = hookCases.find(addition.first);
-        ASSERT_NE(at, std::string::npos) << addition.first;
-        hookCases.insert(at + addition.first.size(), addition.second);
+    for (const auto& [section, addition] : additions) {
+        hookCases.insert(hookCases.find(section) + section.size(), addition);
     }
-    m_service.sysroot().WriteFile(corvanetest::kHookCaseFile, hookCases);
-    StartService();
+    service.sysroot().WriteFile(corvanetest::kHookCaseFile, hookCases);
+    // The checks of the sample campaign read the service log from this variable.
+    setenv("CORVANE_SERVICE_LOG", service.Path("camera_service.log").c_str(), 1);
+    service.Start();
+    ASSERT_TRUE(service.WaitAnswering()) << service.Log();
+    const std::string junit = service.Path("report.xml");
+    auto campaign = [&](const std::string& name, const std::string& text, bool json = false) {
+        corvanetest::WriteTextFile(service.Path(name), text);
+        // With --json, standard output only.
+        std::vector<std::string> words = {"sh",
+                                          "-c",
+                                          json ? "\"$@\" 2>/dev/null" : "\"$@\"",
+                                          "sh",
+                                          corvanetest::BinDir() + "/vxcdb",
+                                          "--junit",
+                                          junit,
+                                          "--campaign",
+                                          service.Path(name)};
+        if (json) {
+            words.insert(words.begin() + 5, "--json");
+        }
+        return RunProgram(words);
+    };
+    // The value of an XPath expression over the report, as xmllint prints it.
+    auto xpath = [&](const std::string& expression) {
+        ProgramOutput result = RunProgram({"xmllint", "--xpath", expression, junit});
+        EXPECT_EQ(result.exitCode, 0) << expression << ": " << result.output;
+        return result.output.substr(0, result.output.find_last_not_of('\n') + 1);
+    };
+    auto groupResult = [&](const std::string& group) {
+        return service.Vxcdb({"corvane", "--inject", "result", group}).output;
+    };
 
-    std::string campaign = CampaignFile("failing.json", R"({"name": "failing", "steps": [
+    // The first step is valid and would stay injected: the mistake in the second stops all.
+    ProgramOutput refused = campaign("malformed.json", R"({"steps": [
+        {"group": "sensor_i2c_fault", "clear": false},
+        {"group": "motion_fault", "within": 3},
+    ]})");
+    EXPECT_EQ(refused.exitCode, 2);
+    EXPECT_NE(refused.output.find("malformed.json: step 2 (motion_fault): \"within\": unknown key"),
+              std::string::npos)
+        << refused.output;
+    EXPECT_NE(groupResult("sensor_i2c_fault").find("<unhook>"), std::string::npos);
+
+    ProgramOutput sample = campaign(
+        "sample.json",
+        corvanetest::ReadTextFile(corvanetest::SourceDir() + "/host/samples/campaign.json"), true);
+    EXPECT_EQ(sample.exitCode, 0) << sample.output << service.Log();
+    rapidjson::Document result;
+    ASSERT_FALSE(result.Parse(sample.output.c_str()).HasParseError()) << sample.output;
+    EXPECT_TRUE(result["passed"].GetBool()) << sample.output;
+    const std::string steps = std::to_string(result["counts"]["steps"].GetInt());
+    EXPECT_EQ(xpath("count(//testcase)"), steps);
+    EXPECT_EQ(xpath("string(/testsuites/testsuite/@tests)"), steps);
+    EXPECT_EQ(xpath("count(//testcase/failure)"), "0");
+
+    ProgramOutput run = campaign("failing.json", R"({"name": "failing", "steps": [
         {"group": "idle_fault", "within_s": 0.5},
         {"group": "sensor_i2c_fault", "check": "echo camera stack unhappy; exit 3"},
         {"group": "motion_fault", "args": ["fast"], "stimulus": "\"$VXCDB\" corvane --signal 1"},
         {"group": "eeprom_fault"},
     ]})");
-    ProgramOutput run = Vxcdb({"--junit", m_junit, "--campaign", campaign});
     EXPECT_EQ(run.exitCode, kExitCampaignFailed) << run.output;
     for (const char* line :
          {"[1/4] idle_fault: not executed", "[2/4] sensor_i2c_fault: check failed",
@@ -148,26 +104,26 @@ TEST_F(CampaignTest, FailedStepsSayWhichQuestionFailedAndTheCampaignGoesOn) {
           "4 step(s): 1 passed, 3 failed"}) {
         EXPECT_NE(run.output.find(line), std::string::npos) << line << "\n" << run.output;
     }
-    EXPECT_TRUE(m_service.LogContains("camera service died by signal 1, restarting"));
+    EXPECT_TRUE(service.LogContains("camera service died by signal 1, restarting"));
     // The restarted service put the injected group back from its database; the step removed it.
-    EXPECT_NE(GroupResult("motion_fault").find("<unhook>"), std::string::npos);
+    EXPECT_NE(groupResult("motion_fault").find("<unhook>"), std::string::npos);
 
-    EXPECT_EQ(XPath("string(/testsuites/@tests)"), "4");
-    EXPECT_EQ(XPath("string(/testsuites/testsuite/@failures)"), "3");
-    EXPECT_EQ(XPath("count(//testcase/failure)"), "3");
+    EXPECT_EQ(xpath("string(/testsuites/@tests)"), "4");
+    EXPECT_EQ(xpath("string(/testsuites/testsuite/@failures)"), "3");
+    EXPECT_EQ(xpath("count(//testcase/failure)"), "3");
     const std::pair<const char*, const char*> failures[] = {
         {"idle_fault", "not executed"},
         {"sensor_i2c_fault", "check failed"},
         {"motion_fault fast", "service restarted"},
     };
-    for (const auto& failure : failures) {
-        std::string testcase = std::string("//testcase[@name='") + failure.first + "']/failure";
-        EXPECT_EQ(XPath("string(" + testcase + "/@message)"), failure.second);
+    for (const auto& [name, message] : failures) {
+        EXPECT_EQ(xpath(std::string("string(//testcase[@name='") + name + "']/failure/@message)"),
+                  message);
     }
-    EXPECT_NE(XPath("string(//testcase[@name='idle_fault']/failure)")
+    EXPECT_NE(xpath("string(//testcase[@name='idle_fault']/failure)")
                   .find("executed: no <executed> within 0.5 s"),
               std::string::npos);
-    EXPECT_NE(XPath("string(//testcase[@name='sensor_i2c_fault']/failure)")
+    EXPECT_NE(xpath("string(//testcase[@name='sensor_i2c_fault']/failure)")
                   .find("check: exit 3, output: camera stack unhappy"),
               std::string::npos);
 }
