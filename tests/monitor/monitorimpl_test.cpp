@@ -36,17 +36,6 @@ std::string Text(const std::vector<ProbeMessage>& records) {
     return text;
 }
 
-std::string Json(const std::vector<ProbeMessage>& records) {
-    std::string text;
-    for (const ProbeMessage& r : records) {
-        text += std::string(text.empty() ? "[" : ",") + "{\"sensor_name\":\"" + r.sensorName +
-                "\",\"sensor_type\":\"" + r.sensorType +
-                "\",\"probe_time\":" + std::to_string(r.probeTime) + ",\"probe_result\":\"" +
-                (r.probeResult ? "success" : "fail") + "\"}";
-    }
-    return text.empty() ? "[]" : text + "]";
-}
-
 Message ProbeRequest(const ProbeMessage& r) {
     return Message("PROBE_MESSAGE", {{"sensor_name", MessageData(r.sensorName)},
                                      {"sensor_type", MessageData(r.sensorType)},
@@ -57,8 +46,10 @@ Message ProbeRequest(const ProbeMessage& r) {
 // A sysroot as working directory, as the camera service has "/".
 class MonitorTest : public ::testing::Test {
   protected:
-    void WriteHistory(const std::vector<ProbeMessage>& records) {
-        m_sysroot.WriteFile(kHistory, Json(records));
+    static void WriteHistory(const std::vector<ProbeMessage>& records) {
+        for (const ProbeMessage& record : records) {
+            Save(record);
+        }
     }
     // The file's records in file order (the exact text is checked once, below).
     static std::string History() {
@@ -123,7 +114,8 @@ TEST_F(MonitorTest, FullTypeDropsOnlyItsOldestAndTypesFollowInByteOrder) {
 }
 
 TEST_F(MonitorTest, UnusableHistoryAnswersAsEmptyAndIsReplacedByTheNextSave) {
-    const std::string good = Json({P("kept", "wide", 5, true)});
+    const std::string good =
+        R"({"sensor_name":"kept","sensor_type":"wide","probe_time":5,"probe_result":"success"})";
     const struct {
         std::string content;
         const char* log;  // logged by the save, or null for no "reset" line
@@ -136,8 +128,7 @@ TEST_F(MonitorTest, UnusableHistoryAnswersAsEmptyAndIsReplacedByTheNextSave) {
          R"("probe_result":"fail"}, {"sensor_name":"a","sensor_type":"wide","probe_time":1}])",
          nullptr, "new/wide/9/ok"},
         // Hand edits are read: comments, trailing commas, beside malformed elements.
-        {"[7, // note\n" + good.substr(1, good.size() - 2) + ",]", nullptr,
-         "new/wide/9/ok kept/wide/5/ok"},
+        {"[7, // note\n" + good + ",]", nullptr, "new/wide/9/ok kept/wide/5/ok"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.content.substr(0, 60));
@@ -196,7 +187,7 @@ TEST_F(MonitorTest, SavesCompactRecordsAndAFailedWriteKeepsTheOldHistoryWhole) {
 }
 
 TEST_F(MonitorTest, ConcurrentSavesLoseNothingAndQueriesNeverSeeAPartialFile) {
-    WriteHistory({});
+    m_sysroot.WriteFile(kHistory, "[]");
     LogCapture capture;
     std::atomic<bool> saving{true};
     std::thread reader([&] {
