@@ -104,14 +104,6 @@ TEST(ProtectionImplTest, MainSwitchIsReadOncePerProcessSchemePropertiesAreLive) 
         sysroot.SetProperty(sensor, "0");
         EXPECT_FALSE(protection->IsSwitchOpened(ProtectionScheme::SENSORI2C));
     });
-    sysroot.SetProperty(kMainSwitch, "0");
-    sysroot.SetProperty(sensor, "1");
-    ExpectInChild([&] {
-        auto protection = NewProtection();
-        EXPECT_FALSE(protection->IsSwitchOpened(ProtectionScheme::SENSORI2C));
-        sysroot.SetProperty(kMainSwitch, "1");
-        EXPECT_FALSE(protection->IsSwitchOpened(ProtectionScheme::SENSORI2C));
-    });
 }
 
 using Schemes = std::map<std::string, std::map<std::string, std::vector<std::string>>>;
