@@ -73,7 +73,9 @@ Message UseEveryEntry() {
 TEST(MessageCenterClientTest, FailedLoadIsRetriedOnlyWhileThePropertyIsFive) {
     const std::pair<const char*, bool> cases[] = {
         {nullptr, false}, {"4", false}, {"5", true}, {"0x5", true}};  // nullptr: unset
-    for (const auto& [property, retries] : cases) {
+    for (const auto& c : cases) {
+        const char* property = c.first;
+        const bool retries = c.second;
         SCOPED_TRACE(property == nullptr ? "unset" : property);
         ExpectInChild([&] {
             TestSysroot sysroot;
