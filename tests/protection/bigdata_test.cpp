@@ -41,14 +41,13 @@ TEST(BigDataTest, EachReportIsOneLineOfKeyValueFieldsEvenFromManyThreads) {
         }
         std::string text = sysroot.ReadFile(kBigDataReportFile);
         std::regex shape(
-            "time=\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}\tpid=\\d+\tproperty=5\t"
-            "name=[^\t]*\tdevice=6\tvalue=\\d+\tkind=[pe]\tmessage=2\tcount=1\terror=2");
+            "time=\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}\tpid=\\d+\t"
+            "property=5\tname=a\\\\tb\\\\nc\\\\\\\\d\\\\re\tdevice=6\tvalue=4294967295\t"
+            "kind=e\tmessage=2\tcount=1\terror=2");
         std::string first = text.substr(0, text.find('\n'));
         EXPECT_TRUE(std::regex_match(first, shape)) << first;
         auto reports = ReadReports(sysroot / kBigDataReportFile);
         ASSERT_EQ(reports.size(), 801u);
-        EXPECT_EQ(reports[0]["name"], "a\\tb\\nc\\\\d\\re");
-        EXPECT_EQ(reports[0]["value"], "4294967295");
         EXPECT_EQ(reports[0]["pid"], std::to_string(getpid()));
         for (auto& report : reports) {
             ASSERT_EQ(report.size(), 10u);  // no line was cut into or merged with another
