@@ -140,7 +140,7 @@ void Profile(int) {
 // interrupted it between the displaced instructions of ih_prologue_spin. When a hook pauses it
 // there, the place it returns to sits in the handler's signal frame, not the pause's.
 TEST_F(SharedModeTest, AThreadInsideAnotherSignalHandlerIsMovedOutOfTheDisplacedBytes) {
-    constexpr int kCycles = 200;
+    constexpr int kCycles = 100;
     constexpr int kSpinIterations = 1 << 12;
     auto spin = reinterpret_cast<IntFunction>(TestSymbol("ih_prologue_spin"));
     ASSERT_NE(nullptr, spin);
@@ -171,6 +171,12 @@ TEST_F(SharedModeTest, AThreadInsideAnotherSignalHandlerIsMovedOutOfTheDisplaced
                 }
             }
         });
+        auto awaitTwoProfiles = [] {
+            const uint64_t start = g_profiles.load(std::memory_order_acquire);
+            while (g_profiles.load(std::memory_order_acquire) < start + 2) {
+                std::this_thread::yield();
+            }
+        };
         for (int i = 0; i < kCycles; ++i) {
             void* stub =
                 shadowhook_hook_sym_addr(Code(spin), Code(Twice), &inlinehooktest::g_intOrig);
@@ -178,12 +184,12 @@ TEST_F(SharedModeTest, AThreadInsideAnotherSignalHandlerIsMovedOutOfTheDisplaced
                 fprintf(stderr, "cycle %d: %s\n", i, shadowhook_to_errmsg(shadowhook_get_errno()));
             }
             CHILD_CHECK(stub != nullptr);
-            // The entry stays patched until the handler the hook interrupted has returned.
-            const uint64_t hooked = g_profiles.load(std::memory_order_acquire);
-            while (g_profiles.load(std::memory_order_acquire) < hooked + 2) {
-                std::this_thread::yield();
-            }
+            // The entry stays patched until the handler the hook interrupted has returned, and
+            // unpatched as long, so that calls begin in the function as often as in the
+            // trampoline.
+            awaitTwoProfiles();
             CHILD_CHECK(shadowhook_unhook(stub) == 0);
+            awaitTwoProfiles();
         }
         stop = true;
         profiler.join();
