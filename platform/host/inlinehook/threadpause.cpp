@@ -128,10 +128,21 @@ void RedirectOuterFrames(const ucontext_t* own, const PauseRedirect* redirects, 
     const uintptr_t altEnd = altStart + own->uc_stack.ss_size;
     if (sp >= altStart && sp < altEnd) {
         end = std::min(end, altEnd);
+    } else {
+        // A thread the C library started has its stack right below its thread control block,
+        // which the x86-64 ABI makes the first word of that block name: nothing above it is a
+        // frame. (The main thread's block lies elsewhere, below its stack.)
+        uintptr_t threadPointer;
+        __asm__("movq %%fs:0, %0" : "=r"(threadPointer));
+        if (threadPointer > sp) {
+            end = std::min(end, threadPointer);
+        }
     }
-    uintptr_t readableEnd = sp & ~(kPageBytes - 1);
-    for (uintptr_t frame = ((sp + 8 + 15) & ~uintptr_t{15}) - 8; frame + kFrameFpstateMin <= end;
-         frame += 16) {
+    // From 8 bytes below the stack pointer: a handler that has returned into the restorer has
+    // popped its frame's first word, but the kernel restores the context from the frame still.
+    uintptr_t frame = ((sp + 15) & ~uintptr_t{15}) - 8;
+    uintptr_t readableEnd = frame & ~(kPageBytes - 1);
+    for (; frame + kFrameFpstateMin <= end; frame += 16) {
         while (readableEnd < frame + kFrameFpstateMin) {
             if (!PageReadable(pid, readableEnd)) {
                 return;
@@ -252,7 +263,36 @@ void StatusPath(pid_t tid, char* path, size_t size) {
     path[length] = '\0';
 }
 
-// Whether the thread blocks SIGURG (its "SigBlk:" mask in /proc), without allocating.
+// The signal mask after `name` ("\nSigBlk:") in a /proc status text; 0 when absent.
+uint64_t StatusMask(const char* text, const char* name) {
+    const char* field = nullptr;
+    size_t nameLength = 0;
+    for (const char* c = text; *c != '\0' && field == nullptr; ++c) {
+        size_t matched = 0;
+        while (name[matched] != '\0' && c[matched] == name[matched]) {
+            ++matched;
+        }
+        field = name[matched] == '\0' ? c : nullptr;
+        nameLength = matched;
+    }
+    if (field == nullptr) {
+        return 0;
+    }
+    uint64_t mask = 0;
+    for (const char* c = field + nameLength; *c != '\0' && *c != '\n'; ++c) {
+        int digit = (*c >= '0' && *c <= '9')   ? *c - '0'
+                    : (*c >= 'a' && *c <= 'f') ? *c - 'a' + 10
+                                               : -1;
+        if (digit >= 0) {
+            mask = (mask << 4) | static_cast<uint64_t>(digit);
+        }
+    }
+    return mask;
+}
+
+// Whether the thread blocks SIGURG with our signal still pending for it, read from its /proc
+// status without allocating. A thread blocking it but with nothing pending has taken the signal
+// and is running the pause handler (which blocks everything) right now: it will answer.
 bool BlocksPauseSignal(pid_t tid) {
     char path[64];
     StatusPath(tid, path, sizeof(path));
@@ -268,28 +308,8 @@ bool BlocksPauseSignal(pid_t tid) {
     }
     Sys(SYS_close, fd);
     text[length > 0 ? length : 0] = '\0';
-    static const char kField[] = "\nSigBlk:";
-    const char* field = nullptr;
-    for (const char* c = text; *c != '\0' && field == nullptr; ++c) {
-        size_t matched = 0;
-        while (kField[matched] != '\0' && c[matched] == kField[matched]) {
-            ++matched;
-        }
-        field = kField[matched] == '\0' ? c : nullptr;
-    }
-    if (field == nullptr) {
-        return false;
-    }
-    uint64_t mask = 0;
-    for (const char* c = field + 8; *c != '\0' && *c != '\n'; ++c) {
-        int digit = (*c >= '0' && *c <= '9')   ? *c - '0'
-                    : (*c >= 'a' && *c <= 'f') ? *c - 'a' + 10
-                                               : -1;
-        if (digit >= 0) {
-            mask = (mask << 4) | static_cast<uint64_t>(digit);
-        }
-    }
-    return (mask & (1ULL << (ThreadPause::kSignal - 1))) != 0;
+    const uint64_t bit = 1ULL << (ThreadPause::kSignal - 1);
+    return (StatusMask(text, "\nSigBlk:") & bit) != 0 && (StatusMask(text, "\nSigPnd:") & bit) != 0;
 }
 
 struct LinuxDirent64 {
@@ -388,7 +408,9 @@ HookStatus ThreadPause::Pause(const PauseRedirect* redirects, size_t count) {
     pid_t silent = 0;
     int listErrno = 0;
     const pid_t self = CurrentTid();
-    const int64_t deadline = NowNanos() + kDeadlineNanos;
+    // The clock is read only once a thread has to be waited for: without the vDSO it costs a
+    // system call, and most pauses need no wait at all or a single one.
+    int64_t deadline = 0;
     size_t known = 0;
     // List the threads and signal the new ones, wait until every one has answered, and list
     // again until no new thread shows up: one created meanwhile would otherwise run unpaused.
@@ -422,7 +444,7 @@ HookStatus ThreadPause::Pause(const PauseRedirect* redirects, size_t count) {
         if (failure != Failure::None || known == before) {
             break;
         }
-        int64_t lastCheck = NowNanos();
+        int64_t lastCheck = 0;
         for (;;) {
             uint32_t seen = g_shared.answers.load(std::memory_order_acquire);
             bool waiting = false;
@@ -440,6 +462,8 @@ HookStatus ThreadPause::Pause(const PauseRedirect* redirects, size_t count) {
                 break;
             }
             int64_t now = NowNanos();
+            deadline = deadline != 0 ? deadline : now + kDeadlineNanos;
+            lastCheck = lastCheck != 0 ? lastCheck : now;
             if (now >= deadline) {
                 for (size_t i = 0; i < known && silent == 0; ++i) {
                     if (g_states[i] == ThreadState::Waiting) {
