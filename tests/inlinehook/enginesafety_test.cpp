@@ -138,70 +138,80 @@ void Profile(int) {
 
 // The worker spends nearly all its time in the profiler's handler, which nearly always
 // interrupted it between the displaced instructions of ih_prologue_spin. When a hook pauses it
-// there, the place it returns to sits in the handler's signal frame, not the pause's.
+// there, the place it returns to sits in the handler's signal frame, not the pause's; the handler
+// runs on the thread's stack, or on an alternate signal stack as many profilers' do.
 TEST_F(SharedModeTest, AThreadInsideAnotherSignalHandlerIsMovedOutOfTheDisplacedBytes) {
     constexpr int kCycles = 60;
     constexpr int kSpinIterations = 1 << 12;
+    constexpr size_t kAltStackBytes = 64 * 1024;
     auto spin = reinterpret_cast<IntFunction>(TestSymbol("ih_prologue_spin"));
     ASSERT_NE(nullptr, spin);
-    int status = RunInChild([&] {
-        alarm(kChildDeadlineSeconds);
-        struct sigaction action {};
-        action.sa_handler = Profile;
-        action.sa_flags = SA_RESTART;
-        sigemptyset(&action.sa_mask);
-        CHILD_CHECK(sigaction(SIGPROF, &action, nullptr) == 0);
-        std::atomic<bool> stop{false};
-        std::atomic<bool> wrong{false};
-        std::atomic<pid_t> workerTid{0};
-        std::thread worker([&] {
-            workerTid.store(static_cast<pid_t>(syscall(SYS_gettid)));
-            while (!stop.load()) {
-                int result = spin(kSpinIterations);
-                if (result != 5 && result != 10) {
-                    fprintf(stderr, "wrong result %d\n", result);
-                    wrong = true;
+    for (bool onAltStack : {false, true}) {
+        SCOPED_TRACE(onAltStack ? "profiler on an alternate stack"
+                                : "profiler on the thread's stack");
+        int status = RunInChild([&] {
+            alarm(kChildDeadlineSeconds);
+            struct sigaction action {};
+            action.sa_handler = Profile;
+            action.sa_flags = SA_RESTART | (onAltStack ? SA_ONSTACK : 0);
+            sigemptyset(&action.sa_mask);
+            CHILD_CHECK(sigaction(SIGPROF, &action, nullptr) == 0);
+            std::atomic<bool> stop{false};
+            std::atomic<bool> wrong{false};
+            std::atomic<pid_t> workerTid{0};
+            std::vector<char> altStack(kAltStackBytes);
+            std::thread worker([&] {
+                if (onAltStack) {
+                    stack_t stack{altStack.data(), 0, altStack.size()};
+                    sigaltstack(&stack, nullptr);
                 }
-            }
-        });
-        CHILD_CHECK(corvanetest::WaitFor([&] { return workerTid.load() != 0; }));
-        std::thread profiler([&] {
-            while (!stop.load()) {
-                uint64_t seen = g_profiles.load(std::memory_order_acquire);
-                syscall(SYS_tgkill, getpid(), workerTid.load(), SIGPROF);
-                while (!stop.load() && g_profiles.load(std::memory_order_acquire) == seen) {
+                workerTid.store(static_cast<pid_t>(syscall(SYS_gettid)));
+                while (!stop.load()) {
+                    int result = spin(kSpinIterations);
+                    if (result != 5 && result != 10 && !wrong.exchange(true)) {
+                        fprintf(stderr, "wrong result %d\n", result);
+                    }
+                }
+            });
+            CHILD_CHECK(corvanetest::WaitFor([&] { return workerTid.load() != 0; }));
+            std::thread profiler([&] {
+                while (!stop.load()) {
+                    uint64_t seen = g_profiles.load(std::memory_order_acquire);
+                    syscall(SYS_tgkill, getpid(), workerTid.load(), SIGPROF);
+                    while (!stop.load() && g_profiles.load(std::memory_order_acquire) == seen) {
+                        std::this_thread::yield();
+                    }
+                }
+            });
+            auto awaitTwoProfiles = [] {
+                const uint64_t start = g_profiles.load(std::memory_order_acquire);
+                while (g_profiles.load(std::memory_order_acquire) < start + 2) {
                     std::this_thread::yield();
                 }
+            };
+            for (int i = 0; i < kCycles; ++i) {
+                void* stub =
+                    shadowhook_hook_sym_addr(Code(spin), Code(Twice), &inlinehooktest::g_intOrig);
+                if (stub == nullptr) {
+                    fprintf(stderr, "cycle %d: %s\n", i,
+                            shadowhook_to_errmsg(shadowhook_get_errno()));
+                }
+                CHILD_CHECK(stub != nullptr);
+                // The entry stays patched until the handler the hook interrupted has returned, and
+                // unpatched as long, so that calls begin in the function as often as in the
+                // trampoline.
+                awaitTwoProfiles();
+                CHILD_CHECK(shadowhook_unhook(stub) == 0);
+                awaitTwoProfiles();
             }
+            stop = true;
+            profiler.join();
+            worker.join();
+            CHILD_CHECK(!wrong.load());
+            return 0;
         });
-        auto awaitTwoProfiles = [] {
-            const uint64_t start = g_profiles.load(std::memory_order_acquire);
-            while (g_profiles.load(std::memory_order_acquire) < start + 2) {
-                std::this_thread::yield();
-            }
-        };
-        for (int i = 0; i < kCycles; ++i) {
-            void* stub =
-                shadowhook_hook_sym_addr(Code(spin), Code(Twice), &inlinehooktest::g_intOrig);
-            if (stub == nullptr) {
-                fprintf(stderr, "cycle %d: %s\n", i, shadowhook_to_errmsg(shadowhook_get_errno()));
-            }
-            CHILD_CHECK(stub != nullptr);
-            // The entry stays patched until the handler the hook interrupted has returned, and
-            // unpatched as long, so that calls begin in the function as often as in the
-            // trampoline.
-            awaitTwoProfiles();
-            CHILD_CHECK(shadowhook_unhook(stub) == 0);
-            awaitTwoProfiles();
-        }
-        stop = true;
-        profiler.join();
-        worker.join();
-        CHILD_CHECK(!wrong.load());
-        CHILD_CHECK(g_profiles.load() > 0);
-        return 0;
-    });
-    EXPECT_TRUE(ChildSucceeded(status)) << "wait status " << status;
+        EXPECT_TRUE(ChildSucceeded(status)) << "wait status " << status;
+    }
 }
 #endif
 
