@@ -137,6 +137,17 @@ void Profile(int) {
     g_profiles.fetch_add(1, std::memory_order_release);
 }
 
+// Zeroes the stack the next signal frames will be built on. The profiler's handler is installed
+// without SA_SIGINFO, so the kernel leaves the siginfo part of its frames as the stack held it:
+// cleared, it never holds an older frame's siginfo by chance, which would hide a frame test that
+// relies on it.
+__attribute__((noinline)) void ClearStackBelow() {
+    constexpr size_t kFrameBytes = 16 * 1024;  // a signal frame with the largest FPU state
+    char below[kFrameBytes];
+    memset(below, 0, sizeof(below));
+    __asm__ volatile("" : : "r"(below) : "memory");
+}
+
 // The worker spends nearly all its time in the profiler's handler, which nearly always
 // interrupted it between the displaced instructions of ih_prologue_spin. When a hook pauses it
 // there, the place it returns to sits in the handler's signal frame, not the pause's; the handler
@@ -168,6 +179,8 @@ TEST_F(SharedModeTest, AThreadInsideAnotherSignalHandlerIsMovedOutOfTheDisplaced
                 }
                 workerTid.store(static_cast<pid_t>(syscall(SYS_gettid)));
                 while (!stop.load()) {
+                    ClearStackBelow();
+                    memset(altStack.data(), 0, altStack.size());
                     int result = spin(kSpinIterations);
                     if (result != 5 && result != 10 && !wrong.exchange(true)) {
                         fprintf(stderr, "wrong result %d\n", result);

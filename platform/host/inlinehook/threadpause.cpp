@@ -97,11 +97,12 @@ void Redirect(Register* pc, const PauseRedirect* redirects, size_t count) {
 // program counter, and the place it returns to is saved in the outer handler's frame, further up
 // the stack. Such frames are found by their shape. The kernel builds each as: the handler's
 // return address (the sa_restorer, the same for every handler the C library installs, so ours
-// names it), its ucontext (304 bytes), the siginfo (128 bytes), and just above, 64-byte aligned,
-// the FPU state that the frame's own fpstate pointer names. The frame starts 8 bytes below a
-// 16-byte boundary.
-constexpr uintptr_t kFrameSiginfoOffset = 8 + 304;
-constexpr uintptr_t kFrameFpstateMin = kFrameSiginfoOffset + 128;
+// names it), its ucontext (304 bytes; uc_flags the same as in every frame it builds, uc_link
+// null), the siginfo (128 bytes), and just above, 64-byte aligned, the FPU state that the frame's
+// own fpstate pointer names. The frame starts 8 bytes below a 16-byte boundary. The siginfo is
+// written only for a handler installed with SA_SIGINFO; for any other it holds whatever the stack
+// held before, so nothing in it can tell whether a frame is one.
+constexpr uintptr_t kFrameFpstateMin = 8 + 304 + 128;
 constexpr uintptr_t kFrameFpstateMax = kFrameFpstateMin + 64 + 16;  // both alignments' slack
 // How far above the interrupted stack pointer outer frames are looked for: the stack an outer
 // handler may use below its own frame. Deeper nesting than this is not seen (docs/inlinehook.md).
@@ -154,9 +155,8 @@ void RedirectOuterFrames(const ucontext_t* own, const PauseRedirect* redirects, 
         }
         auto* outer = reinterpret_cast<ucontext_t*>(frame + 8);
         const uintptr_t fpstate = reinterpret_cast<uintptr_t>(outer->uc_mcontext.fpregs);
-        const int signo = *reinterpret_cast<const int*>(frame + kFrameSiginfoOffset);
-        if (fpstate % 64 != 0 || fpstate < frame + kFrameFpstateMin ||
-            fpstate >= frame + kFrameFpstateMax || signo < 1 || signo > 64) {
+        if (outer->uc_flags != own->uc_flags || outer->uc_link != nullptr || fpstate % 64 != 0 ||
+            fpstate < frame + kFrameFpstateMin || fpstate >= frame + kFrameFpstateMax) {
             continue;
         }
         Redirect(&outer->uc_mcontext.gregs[REG_RIP], redirects, count);
