@@ -290,15 +290,22 @@ uint64_t StatusMask(const char* text, const char* name) {
     return mask;
 }
 
-// Whether the thread blocks SIGURG with our signal still pending for it, read from its /proc
-// status without allocating. A thread blocking it but with nothing pending has taken the signal
-// and is running the pause handler (which blocks everything) right now: it will answer.
-bool BlocksPauseSignal(pid_t tid) {
+// Where a thread that has not answered stands with SIGURG, read from its /proc status without
+// allocating.
+enum class PauseSignalState {
+    Deliverable,     // not blocked: ours is on its way, or was lost to a merge with another SIGURG
+    BlockedPending,  // blocked with ours pending: the thread cannot be paused
+    // Blocked with nothing pending: it has taken ours and runs the pause handler (which blocks
+    // everything) right now, so it will answer.
+    Taken,
+};
+
+PauseSignalState ReadPauseSignalState(pid_t tid) {
     char path[64];
     StatusPath(tid, path, sizeof(path));
     int fd = static_cast<int>(Sys(SYS_openat, AT_FDCWD, path, O_RDONLY | O_CLOEXEC));
     if (fd < 0) {
-        return false;
+        return PauseSignalState::Deliverable;
     }
     char text[8192];
     long length = 0;
@@ -309,7 +316,11 @@ bool BlocksPauseSignal(pid_t tid) {
     Sys(SYS_close, fd);
     text[length > 0 ? length : 0] = '\0';
     const uint64_t bit = 1ULL << (ThreadPause::kSignal - 1);
-    return (StatusMask(text, "\nSigBlk:") & bit) != 0 && (StatusMask(text, "\nSigPnd:") & bit) != 0;
+    if ((StatusMask(text, "\nSigBlk:") & bit) == 0) {
+        return PauseSignalState::Deliverable;
+    }
+    return (StatusMask(text, "\nSigPnd:") & bit) != 0 ? PauseSignalState::BlockedPending
+                                                      : PauseSignalState::Taken;
 }
 
 struct LinuxDirent64 {
@@ -482,10 +493,21 @@ HookStatus ThreadPause::Pause(const PauseRedirect* redirects, size_t count) {
                     pid_t tid = g_shared.tids[i].load(std::memory_order_relaxed);
                     if (!ThreadExists(pid, tid)) {
                         g_states[i] = ThreadState::Gone;
-                    } else if (BlocksPauseSignal(tid)) {
-                        g_states[i] = ThreadState::Skipped;
-                    } else {
-                        SendPauseSignal(pid, tid);
+                        continue;
+                    }
+                    // A thread that has taken the signal is not sent another: the copy would wait
+                    // behind the handler's mask, and the next look would skip the thread as one
+                    // that blocks SIGURG, while its handler, delayed before it could redirect,
+                    // still has to.
+                    switch (ReadPauseSignalState(tid)) {
+                        case PauseSignalState::Deliverable:
+                            SendPauseSignal(pid, tid);
+                            break;
+                        case PauseSignalState::BlockedPending:
+                            g_states[i] = ThreadState::Skipped;
+                            break;
+                        case PauseSignalState::Taken:
+                            break;
                     }
                 }
             }
