@@ -59,3 +59,45 @@ __asm__(
     "1:  .word 1000\n"
     ".size ih_bti_adr, .-ih_bti_adr\n"
     ".section .note.GNU-stack,\"\",%progbits\n");
+
+// Entry points and branches the engine cannot see without a symbol size.
+__asm__(
+    ".text\n"
+
+    // A second entry point right after another function's landing pad: x + 6 from the inner one.
+    ".balign 16\n"
+    ".globl ih_alias_outer\n"
+    ".type ih_alias_outer, %function\n"
+    ".globl ih_alias_inner\n"
+    ".type ih_alias_inner, %function\n"
+    "ih_alias_outer:\n"
+    "    bti c\n"
+    "ih_alias_inner:\n"
+    "    bti c\n"
+    "    add w0, w0, #5\n"
+    "    add w0, w0, #1\n"
+    "    ret\n"
+    ".size ih_alias_outer, .-ih_alias_outer\n"
+    ".size ih_alias_inner, .-ih_alias_inner\n"
+
+    // No symbol sizes. The first loops back to the instruction after its landing pad; the second
+    // returns x + 7.
+    ".balign 16\n"
+    ".globl ih_unsized_back_branch\n"
+    ".type ih_unsized_back_branch, %function\n"
+    "ih_unsized_back_branch:\n"
+    "    bti c\n"
+    "1:  sub w0, w0, #1\n"
+    "    cmp w0, #0\n"
+    "    b.gt 1b\n"
+    "    ret\n"
+
+    ".balign 16\n"
+    ".globl ih_unsized\n"
+    ".type ih_unsized, %function\n"
+    "ih_unsized:\n"
+    "    bti c\n"
+    "    add w0, w0, #3\n"
+    "    add w0, w0, #4\n"
+    "    ret\n"
+    ".section .note.GNU-stack,\"\",%progbits\n");

@@ -71,3 +71,78 @@ unsigned long ih_forward(unsigned long value) {
         (unsigned long (*)(unsigned long))__atomic_load_n(&ih_forward_orig, __ATOMIC_RELAXED);
     return orig(value);
 }
+
+// Prologue shapes that test how the engine treats its surroundings: loops and reads within the
+// displaced bytes, a landing pad, entry points and branches it cannot see without a symbol size.
+__asm__(
+    ".text\n"
+
+    // Spins edi times on its first two instructions (a loop kept inside the trampoline), then
+    // returns 5: a thread is almost always found between displaced instructions.
+    ".balign 16\n"
+    ".globl ih_prologue_spin\n"
+    ".type ih_prologue_spin, @function\n"
+    "ih_prologue_spin:\n"
+    "1:  decl %edi\n"
+    "    jnz 1b\n"
+    "    leal 5(%rdi), %eax\n"
+    "    ret\n"
+    ".size ih_prologue_spin, .-ih_prologue_spin\n"
+
+    // Its first instruction reads its own first four bytes (rip - 6), which the jump replaces.
+    ".balign 16\n"
+    ".globl ih_self_read\n"
+    ".type ih_self_read, @function\n"
+    "ih_self_read:\n"
+    "1:  movl 1b(%rip), %eax\n"
+    "    ret\n"
+    ".size ih_self_read, .-ih_self_read\n"
+
+    // An indirect-branch landing pad, then two instructions to displace: 3 * (x + 7).
+    ".balign 16\n"
+    ".globl ih_endbr\n"
+    ".type ih_endbr, @function\n"
+    "ih_endbr:\n"
+    "    endbr64\n"
+    "    movl %edi, %eax\n"
+    "    addl $7, %eax\n"
+    "    imull $3, %eax, %eax\n"
+    "    ret\n"
+    ".size ih_endbr, .-ih_endbr\n"
+
+    // A second entry point 2 bytes into another function: x + 7 from the outer one, x + 6 from
+    // the inner one.
+    ".balign 16\n"
+    ".globl ih_alias_outer\n"
+    ".type ih_alias_outer, @function\n"
+    ".globl ih_alias_inner\n"
+    ".type ih_alias_inner, @function\n"
+    "ih_alias_outer:\n"
+    "    incl %edi\n"
+    "ih_alias_inner:\n"
+    "    leal 5(%rdi), %eax\n"
+    "    addl $1, %eax\n"
+    "    ret\n"
+    ".size ih_alias_outer, .-ih_alias_outer\n"
+    ".size ih_alias_inner, .-ih_alias_inner\n"
+
+    // No symbol sizes. The first loops back into its displaced bytes; the second does not and
+    // returns x + 7.
+    ".balign 16\n"
+    ".globl ih_unsized_back_branch\n"
+    ".type ih_unsized_back_branch, @function\n"
+    "ih_unsized_back_branch:\n"
+    "    movl %edi, %eax\n"
+    "1:  addl $3, %eax\n"
+    "    decl %edi\n"
+    "    jg 1b\n"
+    "    ret\n"
+
+    ".balign 16\n"
+    ".globl ih_unsized\n"
+    ".type ih_unsized, @function\n"
+    "ih_unsized:\n"
+    "    movl %edi, %eax\n"
+    "    addl $3, %eax\n"
+    "    addl $4, %eax\n"
+    "    ret\n");

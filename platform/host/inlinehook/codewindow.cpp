@@ -9,6 +9,8 @@
 
 #include <atomic>
 
+#include "rawsyscall.h"
+
 namespace corvane::inlinehook {
 
 namespace {
@@ -67,8 +69,9 @@ void RegisterCoreSync() {
 }
 
 void SyncCores() {
+    // Runs while other threads are paused: a raw system call, never libc's syscall().
     if (g_coreSyncRegistered.load(std::memory_order_acquire)) {
-        syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED_SYNC_CORE, 0, 0);
+        Sys(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED_SYNC_CORE, 0, 0);
     }
 }
 

@@ -1,5 +1,4 @@
 // Code stores on x86-64: locked exchanges within a cache line, plain moves done in assembly.
-#include <string.h>
 
 #include "codewindow.h"
 
@@ -35,8 +34,13 @@ void StoreCodeAtomically(uintptr_t address, const uint8_t* bytes, size_t length)
     for (;;) {
         uint64_t current;
         CopyFromCode(&current, window, sizeof(current));
+        // Byte by byte rather than memcpy: this runs while other threads are paused, when no
+        // library function may be entered (a user may have hooked it).
         uint64_t desired = current;
-        memcpy(reinterpret_cast<uint8_t*>(&desired) + offset, bytes, length);
+        for (size_t i = 0; i < length; ++i) {
+            const unsigned shift = static_cast<unsigned>(8 * (offset + i));
+            desired = (desired & ~(uint64_t{0xff} << shift)) | (uint64_t{bytes[i]} << shift);
+        }
         if (window % 8 == 0) {
             // An aligned 8-byte store is atomic on x86-64; xchg also orders it with everything.
             __asm__ __volatile__("xchgq %0, %1"

@@ -9,6 +9,7 @@
 #include <algorithm>
 
 #include "codewindow.h"
+#include "elfsymbols.h"
 #include "hooklog.h"
 #include "memorymap.h"
 #include "prologuerelocator.h"
@@ -21,6 +22,10 @@ constexpr size_t kPatchSize = PrologueRelocator::kPatchSize;
 constexpr size_t kRelaySize = PrologueRelocator::kRelaySize;
 constexpr size_t kSlotOffset = PrologueRelocator::kSlotOffset;
 using EntrySigning = PrologueRelocator::EntrySigning;
+// Without a symbol size, how far after the address code is searched for branches back into the
+// displaced bytes: a function's own loop back to its start is rarely further away, and the search
+// stops earlier at the next symbol, where another function begins.
+constexpr uintptr_t kUnsizedScanWindow = 256;
 
 uintptr_t SlotOf(uintptr_t relay) {
     return relay + kSlotOffset;
@@ -163,6 +168,11 @@ HookStatus HookEngine::BuildSite(uintptr_t target, std::unique_ptr<Site>* out) {
         bounds.functionStart = site->symbolStart;
         bounds.functionEnd = site->symbolEnd;
     }
+    const uintptr_t nextSymbol = FirstSymbolBetween(target, target + kUnsizedScanWindow);
+    if (!bounds.functionKnown()) {
+        bounds.scanEnd = std::min(bounds.readableEnd, target + kUnsizedScanWindow);
+        bounds.scanEnd = nextSymbol != 0 ? std::min(bounds.scanEnd, nextSymbol) : bounds.scanEnd;
+    }
 
     PrologueRelocator relocator;
     status = relocator.Analyze(target, bounds);
@@ -171,6 +181,13 @@ HookStatus HookEngine::BuildSite(uintptr_t target, std::unique_ptr<Site>* out) {
     }
     site->regionLength = relocator.regionLength();
     site->patchAddress = target + relocator.patchOffset();
+    if (nextSymbol != 0 && nextSymbol < target + site->regionLength) {
+        // Callers entering there would land inside the jump.
+        return HookStatus::Error(
+            SHADOWHOOK_ERRNO_HOOK_REWRITE_FAILED,
+            Format("the symbol %s starts inside the %zu bytes the hook displaces",
+                   Describe(nextSymbol).c_str(), site->regionLength));
+    }
     status = CheckOverlap(target, site->regionLength);
     if (!status.ok()) {
         return status;
@@ -216,7 +233,11 @@ HookStatus HookEngine::BuildSite(uintptr_t target, std::unique_ptr<Site>* out) {
         "bytes)%s",
         Describe(target).c_str(), site->regionLength, relocator.instructions().size(),
         static_cast<unsigned long>(site->trampoline), code.size(),
-        bounds.functionKnown() ? "" : ", no symbol size: later branches not checked");
+        bounds.functionKnown()
+            ? ""
+            : Format(", no symbol size: branches checked over the next %zu bytes",
+                     static_cast<size_t>(bounds.scanEnd - target))
+                  .c_str());
     *out = std::move(site);
     return HookStatus::Ok();
 }

@@ -80,7 +80,7 @@ class Hub {
 #if defined(__aarch64__)
 constexpr size_t kHubStubSize = 32;
 #else
-constexpr size_t kHubStubSize = 24;
+constexpr size_t kHubStubSize = 32;
 #endif
 void EncodeHubStub(const Hub* hub, uint8_t* code);
 

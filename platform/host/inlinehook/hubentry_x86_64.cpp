@@ -19,6 +19,7 @@ asm(R"(
     .type CorvaneHubEntry, @function
 CorvaneHubEntry:
     .cfi_startproc
+    endbr64
     sub $216, %rsp
     .cfi_adjust_cfa_offset 216
     mov %rdi, 0(%rsp)
@@ -67,15 +68,20 @@ CorvaneHubEntry:
 namespace corvane::inlinehook {
 
 void EncodeHubStub(const Hub* hub, uint8_t* code) {
-    // movabs r11, hub ; jmp qword [rip + 0] ; .quad CorvaneHubEntry
+    // endbr64 ; movabs r11, hub ; jmp qword [rip + 0] ; .quad CorvaneHubEntry ; int3 x4. The stub
+    // and the hub entry are both reached by indirect jumps, so both begin with a landing pad for
+    // processes that track indirect branches.
     uint64_t hubAddress = reinterpret_cast<uintptr_t>(hub);
     uint64_t entry = reinterpret_cast<uintptr_t>(&CorvaneHubEntry);
-    code[0] = 0x49;
-    code[1] = 0xbb;
-    memcpy(code + 2, &hubAddress, sizeof(hubAddress));
+    const uint8_t landingPad[] = {0xf3, 0x0f, 0x1e, 0xfa};
+    memcpy(code, landingPad, sizeof(landingPad));
+    code[4] = 0x49;
+    code[5] = 0xbb;
+    memcpy(code + 6, &hubAddress, sizeof(hubAddress));
     const uint8_t jump[] = {0xff, 0x25, 0x00, 0x00, 0x00, 0x00};
-    memcpy(code + 10, jump, sizeof(jump));
-    memcpy(code + 16, &entry, sizeof(entry));
+    memcpy(code + 14, jump, sizeof(jump));
+    memcpy(code + 20, &entry, sizeof(entry));
+    memset(code + 28, 0xcc, kHubStubSize - 28);
 }
 
 }  // namespace corvane::inlinehook

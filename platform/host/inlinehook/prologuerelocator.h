@@ -25,6 +25,9 @@ struct CodeBounds {
     uintptr_t readableEnd = 0;    // decoding never reads at or past this address
     uintptr_t functionStart = 0;  // extent of the ELF symbol holding the address,
     uintptr_t functionEnd = 0;    // both 0 when the ELF gives none
+    // Without a symbol size: where the search for branches back into the displaced bytes ends
+    // (a bounded window after the address, cut at the next symbol); 0 for no search.
+    uintptr_t scanEnd = 0;
     bool functionKnown() const { return functionEnd > functionStart; }
 };
 
@@ -66,11 +69,12 @@ class PrologueRelocator {
     static constexpr size_t kRelaySize = 24;
     static constexpr size_t kSlotOffset = 16;
 #else
-    // Bytes of the jmp rel32 written over the function's entry.
+    // Bytes of the jmp rel32 written over the function's entry (after an endbr64 kept there).
     static constexpr size_t kPatchSize = 5;
-    // A relay: jmp qword [rip + 2] ; int3 ; int3 ; then the 8-byte aligned slot it jumps through.
-    static constexpr size_t kRelaySize = 16;
-    static constexpr size_t kSlotOffset = 8;
+    // A relay: endbr64 (it is an orig entry, called indirectly) ; jmp qword [rip + 6] ; int3 x6 ;
+    // then the 8-byte aligned slot it jumps through.
+    static constexpr size_t kRelaySize = 24;
+    static constexpr size_t kSlotOffset = 16;
 #endif
     // What a thread entering the entry relay has done that the relay must undo before the
     // replacement runs: a return address signed by the landing pad kept at the entry.
@@ -106,7 +110,8 @@ class PrologueRelocator {
     std::vector<std::pair<size_t, size_t>> InteriorBoundaries() const;
 
   private:
-    HookStatus ScanFunction(const CodeBounds& bounds) const;
+    // Refuses when code in [start, end) outside the displaced bytes refers back into them.
+    HookStatus ScanFunction(uintptr_t start, uintptr_t end) const;
 
     uintptr_t m_address = 0;
     size_t m_length = 0;

@@ -268,15 +268,16 @@ HookStatus PrologueRelocator::Analyze(uintptr_t address, const CodeBounds& bound
         return Refuse(Format("literal load into xzr at +%zu", m_patchOffset));
     }
     m_instructions.push_back(displaced);
-    return ScanFunction(bounds);
+    if (bounds.functionKnown()) {
+        return ScanFunction(bounds.functionStart, bounds.functionEnd);
+    }
+    return bounds.scanEnd > address + m_length ? ScanFunction(address, bounds.scanEnd)
+                                               : HookStatus::Ok();
 }
 
-HookStatus PrologueRelocator::ScanFunction(const CodeBounds& bounds) const {
-    if (!bounds.functionKnown()) {
-        return HookStatus::Ok();
-    }
-    uintptr_t start = (bounds.functionStart + kWord - 1) & ~uintptr_t{kWord - 1};
-    for (uintptr_t pc = start; pc + kWord <= bounds.functionEnd; pc += kWord) {
+HookStatus PrologueRelocator::ScanFunction(uintptr_t first, uintptr_t end) const {
+    uintptr_t start = (first + kWord - 1) & ~uintptr_t{kWord - 1};
+    for (uintptr_t pc = start; pc + kWord <= end; pc += kWord) {
         if (pc >= m_address && pc < m_address + m_length) {
             continue;
         }

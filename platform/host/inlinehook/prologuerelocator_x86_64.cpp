@@ -22,6 +22,8 @@ constexpr size_t kJccRel32Size = 6;      // 0F 8x rel32
 constexpr size_t kJccAbsoluteSize = 16;  // 7x 0E (inverted, over what follows), then jmp absolute
 constexpr size_t kPushRipSize = 6;       // FF 35 disp32: push qword [rip + disp32]
 constexpr size_t kLiteralSize = 8;
+// endbr64: the landing pad indirect branches must reach under indirect-branch tracking.
+constexpr uint8_t kEndbr64[] = {0xf3, 0x0f, 0x1e, 0xfa};
 
 bool FitsRel32(int64_t value) {
     return value >= std::numeric_limits<int32_t>::min() &&
@@ -212,6 +214,7 @@ HookStatus Classify(const ZydisDecodedInstruction& instruction, const ZydisDecod
 HookStatus PrologueRelocator::Analyze(uintptr_t address, const CodeBounds& bounds) {
     m_address = address;
     m_length = 0;
+    m_patchOffset = 0;
     m_instructions.clear();
 
     uintptr_t limit = bounds.readableEnd;
@@ -222,14 +225,23 @@ HookStatus PrologueRelocator::Analyze(uintptr_t address, const CodeBounds& bound
         return HookStatus::Error(
             SHADOWHOOK_ERRNO_HOOK_SYMSZ,
             Format("the function ends %zu bytes after the hooked address (ELF symbol size), "
-                   "inside the instructions the %zu-byte jump would overwrite",
-                   static_cast<size_t>(bounds.functionEnd - address), kPatchSize));
+                   "inside the instructions the %zu-byte jump%s would overwrite",
+                   static_cast<size_t>(bounds.functionEnd - address), kPatchSize,
+                   m_patchOffset != 0 ? " after the endbr64 kept at the entry" : ""));
     };
 
     ZydisDecoder decoder;
     ZydisDecoderInit(&decoder, ZYDIS_MACHINE_MODE_LONG_64, ZYDIS_STACK_WIDTH_64);
+    // An endbr64 at the entry stays there, and the jump goes after it: a process tracking indirect
+    // branches faults on an indirect call that lands anywhere else. The trampoline starts with
+    // a copy of it, since orig entries are called indirectly too.
+    if (limit > address && limit - address >= sizeof(kEndbr64) &&
+        memcmp(reinterpret_cast<const void*>(address), kEndbr64, sizeof(kEndbr64)) == 0) {
+        m_patchOffset = sizeof(kEndbr64);
+    }
+    const size_t patchEnd = m_patchOffset + kPatchSize;
     size_t offset = 0;
-    while (offset < kPatchSize) {
+    while (offset < patchEnd) {
         uintptr_t pc = address + offset;
         if (pc >= limit) {
             if (bounds.functionKnown() && limit == bounds.functionEnd) {
@@ -238,7 +250,7 @@ HookStatus PrologueRelocator::Analyze(uintptr_t address, const CodeBounds& bound
             return HookStatus::Error(SHADOWHOOK_ERRNO_HOOK_SYMSZ,
                                      Format("readable code ends %zu bytes after the address; the "
                                             "jump needs %zu",
-                                            offset, kPatchSize));
+                                            offset, patchEnd));
         }
         ZydisDecodedInstruction instruction;
         ZydisDecodedOperand operands[ZYDIS_MAX_OPERAND_COUNT];
@@ -263,7 +275,7 @@ HookStatus PrologueRelocator::Analyze(uintptr_t address, const CodeBounds& bound
         }
         m_instructions.push_back(displaced);
         offset += instruction.length;
-        if (displaced.kind == Kind::Call && offset < kPatchSize) {
+        if (displaced.kind == Kind::Call && offset < patchEnd) {
             return Refuse(
                 Format("the call at +%zu is followed by more displaced instructions; "
                        "its return address would point into the patched bytes",
@@ -271,11 +283,11 @@ HookStatus PrologueRelocator::Analyze(uintptr_t address, const CodeBounds& bound
         }
         // Without a symbol size nothing says the bytes after a return or jump belong to this
         // function; overwriting them could break the next one.
-        if (displaced.terminates && offset < kPatchSize && !bounds.functionKnown()) {
+        if (displaced.terminates && offset < patchEnd && !bounds.functionKnown()) {
             return HookStatus::Error(
                 SHADOWHOOK_ERRNO_HOOK_SYMSZ,
                 Format("the function ends with %s after %zu bytes; the jump needs %zu",
-                       Name(instruction), offset, kPatchSize));
+                       Name(instruction), offset, patchEnd));
         }
     }
     m_length = offset;
@@ -300,30 +312,36 @@ HookStatus PrologueRelocator::Analyze(uintptr_t address, const CodeBounds& bound
         bool ripOperand =
             displaced.kind == Kind::RipRelative ||
             (displaced.kind == Kind::Call && displaced.callForm == CallForm::IndirectRip);
-        if (ripOperand && displaced.target > address && displaced.target < address + m_length) {
+        // The bytes of a landing pad kept at the entry do not change; every later one does, the
+        // first patched byte included.
+        if (ripOperand && displaced.target >= address + m_patchOffset &&
+            displaced.target < address + m_length) {
             return Refuse(
                 Format("the instruction at +%zu addresses the function's own first "
                        "bytes (+%zu), which the hook overwrites",
                        displaced.offset, static_cast<size_t>(displaced.target - address)));
         }
     }
-    return bounds.functionKnown() ? ScanFunction(bounds) : HookStatus::Ok();
+    if (bounds.functionKnown()) {
+        return ScanFunction(bounds.functionStart, bounds.functionEnd);
+    }
+    return bounds.scanEnd > address + m_length ? ScanFunction(address, bounds.scanEnd)
+                                               : HookStatus::Ok();
 }
 
-HookStatus PrologueRelocator::ScanFunction(const CodeBounds& bounds) const {
+HookStatus PrologueRelocator::ScanFunction(uintptr_t start, uintptr_t end) const {
     ZydisDecoder decoder;
     ZydisDecoderInit(&decoder, ZYDIS_MACHINE_MODE_LONG_64, ZYDIS_STACK_WIDTH_64);
     const uintptr_t regionEnd = m_address + m_length;
-    uintptr_t pc = bounds.functionStart;
-    while (pc < bounds.functionEnd) {
+    uintptr_t pc = start;
+    while (pc < end) {
         if (pc >= m_address && pc < regionEnd) {
             pc = regionEnd;
             continue;
         }
         ZydisDecodedInstruction instruction;
-        if (!ZYAN_SUCCESS(ZydisDecoderDecodeInstruction(&decoder, nullptr,
-                                                        reinterpret_cast<const void*>(pc),
-                                                        bounds.functionEnd - pc, &instruction))) {
+        if (!ZYAN_SUCCESS(ZydisDecoderDecodeInstruction(
+                &decoder, nullptr, reinterpret_cast<const void*>(pc), end - pc, &instruction))) {
             ++pc;  // data or padding: resynchronise on the next byte
             continue;
         }
@@ -362,8 +380,10 @@ HookStatus PrologueRelocator::ScanFunction(const CodeBounds& bounds) const {
 }
 
 void PrologueRelocator::EncodeRelay(EntrySigning, uint8_t* code) {
-    static constexpr uint8_t kRelayCode[kSlotOffset] = {0xff, 0x25, 0x02, 0x00,
-                                                        0x00, 0x00, 0xcc, 0xcc};
+    static constexpr uint8_t kRelayCode[kSlotOffset] = {
+        0xf3, 0x0f, 0x1e, 0xfa,              // endbr64
+        0xff, 0x25, 0x06, 0x00, 0x00, 0x00,  // jmp qword [rip + 6]: the slot
+        0xcc, 0xcc, 0xcc, 0xcc, 0xcc, 0xcc};
     memcpy(code, kRelayCode, sizeof(kRelayCode));
 }
 
@@ -523,9 +543,12 @@ HookStatus PrologueRelocator::Emit(uintptr_t base, std::vector<uint8_t>* out) {
 }
 
 std::vector<std::pair<size_t, size_t>> PrologueRelocator::InteriorBoundaries() const {
+    // A thread before or right after a landing pad kept at the entry runs into the jump whole.
     std::vector<std::pair<size_t, size_t>> boundaries;
     for (size_t i = 1; i < m_instructions.size(); ++i) {
-        boundaries.emplace_back(m_instructions[i].offset, m_instructions[i].emittedOffset);
+        if (m_instructions[i].offset > m_patchOffset) {
+            boundaries.emplace_back(m_instructions[i].offset, m_instructions[i].emittedOffset);
+        }
     }
     return boundaries;
 }

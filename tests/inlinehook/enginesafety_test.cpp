@@ -1,0 +1,288 @@
+// The engine inside a process that does more than call hooked functions: a profiler's signal
+// handler interrupting code the engine rewrites, a hooked libc function whose replacement takes a
+// lock a paused thread holds, and prologues whose surroundings (a landing pad, another entry
+// point, a branch back without a symbol size) decide whether a hook is safe.
+#include <fcntl.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+#include "tests/inlinehook/inlinehooktest.h"
+
+namespace {
+
+using corvanetest::ChildSucceeded;
+using corvanetest::RunInChild;
+using inlinehooktest::Bytes;
+using inlinehooktest::Code;
+using inlinehooktest::IntFunction;
+using inlinehooktest::SharedModeTest;
+using inlinehooktest::Symbol;
+using inlinehooktest::Twice;
+
+// A hang in a child is a failure too: the alarm's default action ends it.
+constexpr unsigned kChildDeadlineSeconds = 90;
+
+void* TestSymbol(const char* name) {
+    return Symbol(inlinehooktest::TestLibrary().c_str(), name);
+}
+
+struct RefusedPrologue {
+    const char* symbol;
+    const char* why;
+};
+
+const RefusedPrologue kRefused[] = {
+#if defined(__x86_64__)
+    {"ih_self_read", "its first instruction reads the byte the jump starts at"},
+#endif
+    {"ih_alias_outer", "another symbol starts inside the displaced bytes"},
+    {"ih_unsized_back_branch", "no symbol size, and a branch back within the next bytes"},
+};
+
+TEST_F(SharedModeTest, ProloguesThatAHookWouldBreakAreRefusedUntouched) {
+    for (const RefusedPrologue& refused : kRefused) {
+        SCOPED_TRACE(refused.symbol);
+        void* address = TestSymbol(refused.symbol);
+        ASSERT_NE(nullptr, address);
+        const std::vector<uint8_t> before = Bytes(address);
+        EXPECT_EQ(nullptr, shadowhook_hook_sym_addr(address, Code(Twice), nullptr)) << refused.why;
+        EXPECT_EQ(SHADOWHOOK_ERRNO_HOOK_REWRITE_FAILED, shadowhook_get_errno()) << refused.why;
+        EXPECT_EQ(before, Bytes(address));
+    }
+}
+
+struct HookablePrologue {
+    const char* symbol;
+    int input;
+    int original;
+};
+
+// An entry point of its own, code without a symbol size that never branches back, and (x86-64)
+// a function behind an indirect-branch landing pad.
+const HookablePrologue kHookable[] = {
+    {"ih_alias_inner", 4, 10},
+    {"ih_unsized", 4, 11},
+#if defined(__x86_64__)
+    {"ih_endbr", 4, 33},
+#endif
+};
+
+TEST_F(SharedModeTest, NeighbouringProloguesAreHookedAndRestored) {
+    for (const HookablePrologue& hookable : kHookable) {
+        SCOPED_TRACE(hookable.symbol);
+        void* address = TestSymbol(hookable.symbol);
+        ASSERT_NE(nullptr, address);
+        auto function = reinterpret_cast<IntFunction>(address);
+        const std::vector<uint8_t> before = Bytes(address);
+        void* stub = shadowhook_hook_sym_addr(address, Code(Twice), &inlinehooktest::g_intOrig);
+        ASSERT_NE(nullptr, stub) << shadowhook_to_errmsg(shadowhook_get_errno());
+        EXPECT_EQ(2 * hookable.original, function(hookable.input));
+        EXPECT_EQ(0, shadowhook_unhook(stub));
+        EXPECT_EQ(hookable.original, function(hookable.input));
+        EXPECT_EQ(before, Bytes(address));
+    }
+}
+
+#if defined(__x86_64__)
+const std::vector<uint8_t> kEndbr64 = {0xf3, 0x0f, 0x1e, 0xfa};
+
+bool StartsWithEndbr64(const void* code) {
+    return Bytes(code, kEndbr64.size()) == kEndbr64;
+}
+
+int PlusOne(int x) {
+    SHADOWHOOK_STACK_SCOPE();
+    return SHADOWHOOK_CALL_PREV(PlusOne, x) + 1;
+}
+
+// Under indirect-branch tracking every indirect branch must land on an endbr64: the hooked
+// function's entry, the orig entry (the trampoline) and the hub the entry relay jumps to.
+TEST_F(SharedModeTest, AnEndbr64AtTheEntryStaysWhereIndirectCallsLand) {
+    void* address = TestSymbol("ih_endbr");
+    ASSERT_NE(nullptr, address);
+    void* first = shadowhook_hook_sym_addr(address, Code(Twice), &inlinehooktest::g_intOrig);
+    ASSERT_NE(nullptr, first) << shadowhook_to_errmsg(shadowhook_get_errno());
+    void* outerOrig = nullptr;
+    void* second = shadowhook_hook_sym_addr(address, Code(PlusOne), &outerOrig);
+    ASSERT_NE(nullptr, second) << shadowhook_to_errmsg(shadowhook_get_errno());
+    EXPECT_TRUE(StartsWithEndbr64(address));
+    EXPECT_EQ(0xe9, Bytes(address, 5)[4]) << "the jump follows the landing pad";
+    EXPECT_TRUE(StartsWithEndbr64(inlinehooktest::g_intOrig)) << "the trampoline";
+    EXPECT_EQ(outerOrig, inlinehooktest::g_intOrig) << "orig is the original in shared mode";
+    EXPECT_EQ(2 * 33 + 1, reinterpret_cast<IntFunction>(address)(4));
+    EXPECT_EQ(0, shadowhook_unhook(first));
+    EXPECT_EQ(0, shadowhook_unhook(second));
+    EXPECT_EQ(33, reinterpret_cast<IntFunction>(address)(4));
+}
+
+std::atomic<uint64_t> g_profiles{0};
+
+// A sampling profiler's handler: about 100 µs of work on the interrupted thread.
+void Profile(int) {
+    constexpr long kWorkNanos = 100 * 1000;
+    timespec start;
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    do {
+        clock_gettime(CLOCK_MONOTONIC, &now);
+    } while ((now.tv_sec - start.tv_sec) * 1000000000L + (now.tv_nsec - start.tv_nsec) <
+             kWorkNanos);
+    g_profiles.fetch_add(1, std::memory_order_release);
+}
+
+// Zeroes the stack the next signal frames will be built on. The profiler's handler is installed
+// without SA_SIGINFO, so the kernel leaves the siginfo part of its frames as the stack held it:
+// cleared, it never holds an older frame's siginfo by chance, which would hide a frame test that
+// relies on it.
+__attribute__((noinline)) void ClearStackBelow() {
+    constexpr size_t kFrameBytes = 16 * 1024;  // a signal frame with the largest FPU state
+    char below[kFrameBytes];
+    memset(below, 0, sizeof(below));
+    __asm__ volatile("" : : "r"(below) : "memory");
+}
+
+// The worker spends nearly all its time in the profiler's handler, which nearly always
+// interrupted it between the displaced instructions of ih_prologue_spin. When a hook pauses it
+// there, the place it returns to sits in the handler's signal frame, not the pause's; the handler
+// runs on the thread's stack, or on an alternate signal stack as many profilers' do.
+TEST_F(SharedModeTest, AThreadInsideAnotherSignalHandlerIsMovedOutOfTheDisplacedBytes) {
+    constexpr int kCycles = 60;
+    constexpr int kSpinIterations = 1 << 12;
+    constexpr size_t kAltStackBytes = 64 * 1024;
+    auto spin = reinterpret_cast<IntFunction>(TestSymbol("ih_prologue_spin"));
+    ASSERT_NE(nullptr, spin);
+    for (bool onAltStack : {false, true}) {
+        SCOPED_TRACE(onAltStack ? "profiler on an alternate stack"
+                                : "profiler on the thread's stack");
+        int status = RunInChild([&] {
+            alarm(kChildDeadlineSeconds);
+            struct sigaction action {};
+            action.sa_handler = Profile;
+            action.sa_flags = SA_RESTART | (onAltStack ? SA_ONSTACK : 0);
+            sigemptyset(&action.sa_mask);
+            CHILD_CHECK(sigaction(SIGPROF, &action, nullptr) == 0);
+            std::atomic<bool> stop{false};
+            std::atomic<bool> wrong{false};
+            std::atomic<pid_t> workerTid{0};
+            std::vector<char> altStack(kAltStackBytes);
+            std::thread worker([&] {
+                if (onAltStack) {
+                    stack_t stack{altStack.data(), 0, altStack.size()};
+                    sigaltstack(&stack, nullptr);
+                }
+                workerTid.store(static_cast<pid_t>(syscall(SYS_gettid)));
+                while (!stop.load()) {
+                    ClearStackBelow();
+                    memset(altStack.data(), 0, altStack.size());
+                    int result = spin(kSpinIterations);
+                    if (result != 5 && result != 10 && !wrong.exchange(true)) {
+                        fprintf(stderr, "wrong result %d\n", result);
+                    }
+                }
+            });
+            CHILD_CHECK(corvanetest::WaitFor([&] { return workerTid.load() != 0; }));
+            std::thread profiler([&] {
+                while (!stop.load()) {
+                    uint64_t seen = g_profiles.load(std::memory_order_acquire);
+                    syscall(SYS_tgkill, getpid(), workerTid.load(), SIGPROF);
+                    while (!stop.load() && g_profiles.load(std::memory_order_acquire) == seen) {
+                        std::this_thread::yield();
+                    }
+                }
+            });
+            auto awaitTwoProfiles = [] {
+                const uint64_t start = g_profiles.load(std::memory_order_acquire);
+                while (g_profiles.load(std::memory_order_acquire) < start + 2) {
+                    std::this_thread::yield();
+                }
+            };
+            for (int i = 0; i < kCycles; ++i) {
+                void* stub =
+                    shadowhook_hook_sym_addr(Code(spin), Code(Twice), &inlinehooktest::g_intOrig);
+                if (stub == nullptr) {
+                    fprintf(stderr, "cycle %d: %s\n", i,
+                            shadowhook_to_errmsg(shadowhook_get_errno()));
+                }
+                CHILD_CHECK(stub != nullptr);
+                // The entry stays patched until the handler the hook interrupted has returned, and
+                // unpatched as long, so that calls begin in the function as often as in the
+                // trampoline.
+                awaitTwoProfiles();
+                CHILD_CHECK(shadowhook_unhook(stub) == 0);
+                awaitTwoProfiles();
+            }
+            stop = true;
+            profiler.join();
+            worker.join();
+            CHILD_CHECK(!wrong.load());
+            return 0;
+        });
+        EXPECT_TRUE(ChildSucceeded(status)) << "wait status " << status;
+    }
+}
+#endif
+
+std::mutex g_openLock;
+void* g_openOrig = nullptr;
+std::atomic<int> g_lockedOpens{0};
+// A fault injected into open: it serialises callers on a lock of the application's.
+int LockingOpen(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    mode_t mode = static_cast<mode_t>(va_arg(arguments, int));
+    va_end(arguments);
+    std::lock_guard<std::mutex> lock(g_openLock);
+    ++g_lockedOpens;
+    using Open = int (*)(const char*, int, ...);
+    return inlinehooktest::Orig<Open>(&g_openOrig)(path, flags, mode);
+}
+
+// While other threads are paused the engine must not enter open (nor any library function): a
+// paused thread holds the lock the hooked open waits for.
+TEST_F(SharedModeTest, ALibcHookWaitingForAPausedThreadsLockDoesNotFreezeTheNextHook) {
+    int status = RunInChild([] {
+        alarm(kChildDeadlineSeconds);
+        void* openAddress = dlsym(RTLD_DEFAULT, "open");
+        CHILD_CHECK(openAddress != nullptr);
+        void* openStub = shadowhook_hook_sym_addr(openAddress, Code(LockingOpen), &g_openOrig);
+        CHILD_CHECK(openStub != nullptr);
+        // cbrt displaces several instructions: its entry is written with the holder paused. A
+        // first hook builds its trampoline (reading the memory map) while nothing is locked.
+        void* cbrtAddress = Symbol("libm.so.6", "cbrt");
+        void* cbrtStub = shadowhook_hook_sym_addr(cbrtAddress, Code(inlinehooktest::PlusThousand),
+                                                  &inlinehooktest::g_unaryOrig);
+        CHILD_CHECK(cbrtStub != nullptr && shadowhook_unhook(cbrtStub) == 0);
+        int wake[2];
+        CHILD_CHECK(pipe(wake) == 0);
+        std::atomic<bool> held{false};
+        std::thread holder([&] {
+            std::lock_guard<std::mutex> lock(g_openLock);
+            held = true;
+            char byte;
+            (void)!read(wake[0], &byte, 1);
+        });
+        CHILD_CHECK(corvanetest::WaitFor([&] { return held.load(); }));
+        cbrtStub = shadowhook_hook_sym_addr(cbrtAddress, Code(inlinehooktest::PlusThousand),
+                                            &inlinehooktest::g_unaryOrig);
+        CHILD_CHECK(cbrtStub != nullptr);
+        CHILD_CHECK(reinterpret_cast<inlinehooktest::Unary>(cbrtAddress)(8.0) == 1002.0);
+        CHILD_CHECK(write(wake[1], "x", 1) == 1);
+        holder.join();
+        int fd = open("/dev/null", O_RDONLY);
+        CHILD_CHECK(fd >= 0 && g_lockedOpens.load() > 0);
+        close(fd);
+        CHILD_CHECK(shadowhook_unhook(cbrtStub) == 0);
+        CHILD_CHECK(shadowhook_unhook(openStub) == 0);
+        return 0;
+    });
+    EXPECT_TRUE(ChildSucceeded(status)) << "wait status " << status;
+}
+
+}  // namespace
