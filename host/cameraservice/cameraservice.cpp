@@ -66,6 +66,16 @@ int main(int argc, char** argv) {
         fprintf(stderr, "camera service: no sysroot (use --sysroot or CORVANE_SYSROOT)\n");
         return 2;
     }
+    // The library's reload path raises SIGHUP or SIGABRT and counts on them killing the process,
+    // as they do in a service that init starts. A shell may hand us either ignored or blocked
+    // (nohup ignores SIGHUP), so the defaults are put back.
+    for (int reload : {SIGHUP, SIGABRT}) {
+        signal(reload, SIG_DFL);
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, reload);
+        sigprocmask(SIG_UNBLOCK, &set, nullptr);
+    }
     // Relative paths given by the caller must survive the change of directory below.
     const char* propFile = getenv("CORVANE_PROP_FILE");
     if (propFile != nullptr && propFile[0] != '\0' && propFile[0] != '/') {
