@@ -173,9 +173,12 @@ TEST_F(SharedModeTest, AThreadInsideAnotherSignalHandlerIsMovedOutOfTheDisplaced
             std::atomic<pid_t> workerTid{0};
             std::vector<char> altStack(kAltStackBytes);
             std::thread worker([&] {
+                // The thread's own alternate stack (a sanitizer may have set one up, and unmaps
+                // whatever is in place when the thread ends) is put back before it ends.
+                stack_t own{};
                 if (onAltStack) {
                     stack_t stack{altStack.data(), 0, altStack.size()};
-                    sigaltstack(&stack, nullptr);
+                    sigaltstack(&stack, &own);
                 }
                 workerTid.store(static_cast<pid_t>(syscall(SYS_gettid)));
                 while (!stop.load()) {
@@ -185,6 +188,9 @@ TEST_F(SharedModeTest, AThreadInsideAnotherSignalHandlerIsMovedOutOfTheDisplaced
                     if (result != 5 && result != 10 && !wrong.exchange(true)) {
                         fprintf(stderr, "wrong result %d\n", result);
                     }
+                }
+                if (onAltStack) {
+                    sigaltstack(&own, nullptr);
                 }
             });
             CHILD_CHECK(corvanetest::WaitFor([&] { return workerTid.load() != 0; }));

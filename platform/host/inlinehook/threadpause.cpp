@@ -119,8 +119,11 @@ bool PageReadable(pid_t pid, uintptr_t page) {
            static_cast<long>(sizeof(word));
 }
 
-void RedirectOuterFrames(const ucontext_t* own, const PauseRedirect* redirects, size_t count,
-                         pid_t pid) {
+// It reads whatever lies on the thread's stack, redzones of other frames included, on purpose:
+// AddressSanitizer must not take that for an overflow.
+__attribute__((no_sanitize("address"))) void RedirectOuterFrames(const ucontext_t* own,
+                                                                 const PauseRedirect* redirects,
+                                                                 size_t count, pid_t pid) {
     const uintptr_t restorer = reinterpret_cast<const uintptr_t*>(own)[-1];
     const uintptr_t sp = static_cast<uintptr_t>(own->uc_mcontext.gregs[REG_RSP]);
     uintptr_t end = sp + std::min(kOuterFrameSearchBytes, UINTPTR_MAX - sp);
