@@ -1,13 +1,13 @@
-// The probe store and its bus queries. The bus client and the bus's subscriptions are per
-// process: scenarios that touch them run in a child.
+// The probe store and its bus queries. The bus client, its subscriptions and the controller are
+// per process: scenarios that touch them run in a child.
 #include "core/model/monitor/monitorimpl.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <filesystem>
-#include <thread>
+#include <map>
+#include <tuple>
 
 #include "core/controller/corvanesystem.h"
 #include "core/messagecenter/messagecenterclient.h"
@@ -21,6 +21,7 @@ using namespace corvanetest;
 constexpr const char* kHistory = "data/vendor/camera/probe_messages.json";
 constexpr const char* kReadFailure =
     "Failed to read file: data/vendor/camera/probe_messages.json, reset file";
+constexpr const char* kSwitch = "persist.vendor.camera.cloud.corvanesystem.monitor";
 
 ProbeMessage P(const std::string& name, const std::string& type, int64_t time, bool ok) {
     return {name, type, time, ok};
@@ -46,9 +47,10 @@ Message ProbeRequest(const ProbeMessage& r) {
 // A sysroot as working directory, as the camera service has "/".
 class MonitorTest : public ::testing::Test {
   protected:
-    static void WriteHistory(const std::vector<ProbeMessage>& records) {
+    static void Save(const std::vector<ProbeMessage>& records) {
         for (const ProbeMessage& record : records) {
-            Save(record);
+            Message reply;
+            MonitorImpl::SaveProbeMessage(ProbeRequest(record), &reply);
         }
     }
     // The file's records in file order (the exact text is checked once, below).
@@ -56,10 +58,6 @@ class MonitorTest : public ::testing::Test {
         std::vector<ProbeMessage> records;
         EXPECT_EQ(ReadProbeHistory(kHistory, nullptr, &records), ProbeHistoryStatus::OK);
         return Text(records);
-    }
-    static void Save(const ProbeMessage& record) {
-        Message reply;
-        MonitorImpl::SaveProbeMessage(ProbeRequest(record), &reply);
     }
     static Message Ask(const std::string& topic, std::map<std::string, MessageData> data) {
         Message reply;
@@ -76,11 +74,6 @@ class MonitorTest : public ::testing::Test {
     corvanetest::ScopedChdir m_chdir{m_sysroot.path()};
 };
 
-class MonitorBusTest : public MonitorTest {
-  protected:
-    MonitorBusTest() { m_sysroot.InstallLibrary("com.halvern.messagecenter.so"); }
-};
-
 TEST_F(MonitorTest, FullTypeDropsOnlyItsOldestAndTypesFollowInByteOrder) {
     std::vector<ProbeMessage> file;
     for (int t = 1; t <= 100; ++t) {
@@ -89,8 +82,8 @@ TEST_F(MonitorTest, FullTypeDropsOnlyItsOldestAndTypesFollowInByteOrder) {
     // Unsigned bytes: "\xc3\xa9" (e acute) after every ASCII type, "Wide" before "tele".
     file.insert(file.begin(), {P("e", "\xc3\xa9", 7, true), P("t", "tele", 3, false),
                                P("T", "Wide", 9, true), P("n", "", 1, true)});
-    WriteHistory(file);
-    Save(P("w101", "wide", 101, true));
+    Save(file);
+    Save({P("w101", "wide", 101, true)});
 
     std::vector<ProbeMessage> wide;
     for (int t = 101; t >= 2; --t) {  // w1 is gone
@@ -99,13 +92,12 @@ TEST_F(MonitorTest, FullTypeDropsOnlyItsOldestAndTypesFollowInByteOrder) {
     EXPECT_EQ(History(), "n//1/ok T/Wide/9/ok t/tele/3/fail " + Text(wide) + " e/\xc3\xa9/7/ok");
 
     // Within one millisecond the newest arrival counts as newest: a full type keeps it.
-    Save(P("late", "wide", 2, false));
+    Save({P("late", "wide", 2, false)});
     std::vector<ProbeMessage> kept = MonitorImpl::GetProbeMessage("wide", -1);
     ASSERT_EQ(kept.size(), 100u);
     EXPECT_EQ(Text({kept[98], kept[99]}), "w3/wide/3/fail late/wide/2/fail");
     // A count takes the newest of one type; zero none, a negative one or more than there are all.
-    const std::pair<int, size_t> counts[] = {
-        {0, 0}, {2, 2}, {-1, 100}, {INT32_MIN, 100}, {150, 100}};
+    const std::pair<int, size_t> counts[] = {{0, 0}, {2, 2}, {INT32_MIN, 100}, {150, 100}};
     for (const auto& [count, expected] : counts) {
         EXPECT_EQ(MonitorImpl::GetProbeMessage("wide", count).size(), expected) << count;
     }
@@ -114,8 +106,6 @@ TEST_F(MonitorTest, FullTypeDropsOnlyItsOldestAndTypesFollowInByteOrder) {
 }
 
 TEST_F(MonitorTest, UnusableHistoryAnswersAsEmptyAndIsReplacedByTheNextSave) {
-    const std::string good =
-        R"({"sensor_name":"kept","sensor_type":"wide","probe_time":5,"probe_result":"success"})";
     const struct {
         std::string content;
         const char* log;  // logged by the save, or null for no "reset" line
@@ -123,12 +113,13 @@ TEST_F(MonitorTest, UnusableHistoryAnswersAsEmptyAndIsReplacedByTheNextSave) {
     } cases[] = {
         {R"({"sensor_name": "a"})", "Json is not an array, reset json", "new/wide/9/ok"},
         {"not json [", kReadFailure, "new/wide/9/ok"},
+        // Malformed elements are skipped; hand edits (comments, trailing commas) are read.
         {R"([1, "x", null, {}, {"sensor_name":1,"sensor_type":"wide","probe_time":1,)"
          R"("probe_result":"fail"}, {"sensor_name":"a","sensor_type":"wide","probe_time":"1",)"
-         R"("probe_result":"fail"}, {"sensor_name":"a","sensor_type":"wide","probe_time":1}])",
-         nullptr, "new/wide/9/ok"},
-        // Hand edits are read: comments, trailing commas, beside malformed elements.
-        {"[7, // note\n" + good + ",]", nullptr, "new/wide/9/ok kept/wide/5/ok"},
+         R"("probe_result":"fail"}, {"sensor_name":"a","sensor_type":"wide","probe_time":1},)"
+         "// note\n"
+         R"({"sensor_name":"kept","sensor_type":"wide","probe_time":5,"probe_result":"success"},])",
+         nullptr, "new/wide/9/ok kept/wide/5/ok"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.content.substr(0, 60));
@@ -137,31 +128,30 @@ TEST_F(MonitorTest, UnusableHistoryAnswersAsEmptyAndIsReplacedByTheNextSave) {
             EXPECT_TRUE(MonitorImpl::GetProbeMessage("wide", -1).empty());
         }
         LogCapture capture;
-        Save(P("new", "wide", 9, true));
+        Save({P("new", "wide", 9, true)});
         EXPECT_EQ(capture.Count(c.log ? c.log : "reset"), c.log ? 1 : 0) << capture.Dump();
         EXPECT_EQ(History(), c.after);
     }
 }
 
-TEST_F(MonitorTest, SaveIgnoresWhatIsNotAProbeRecord) {
+TEST_F(MonitorTest, SaveIgnoresWhatIsNotAProbeRecordAndLeavesTheReplyAlone) {
     const ProbeMessage r = P("imx_wide_i", "wide", 1, true);
     Message wrongTopic = ProbeRequest(r), noTime = ProbeRequest(r), timeAsText = ProbeRequest(r);
     wrongTopic.topic = "PROBE_MESSAGES";
     noTime.data.erase("probe_time");
     timeAsText.data["probe_time"] = MessageData("1");
-    const std::pair<Message, const char*> cases[] = {
-        {wrongTopic, "Not right message type"}, {noTime, ""}, {timeAsText, "wrong kind"}};
-    for (const auto& [message, log] : cases) {
+    Message reply("untouched");
+    const std::tuple<Message, Message*, const char*> cases[] = {
+        {wrongTopic, &reply, "Not right message type"},
+        {ProbeRequest(r), nullptr, "Not right message type"},  // senders rely on the reply
+        {noTime, &reply, ""},
+        {timeAsText, &reply, "wrong kind"}};
+    for (const auto& [message, replyTo, log] : cases) {
         LogCapture capture;
-        Message reply;
-        MonitorImpl::SaveProbeMessage(message, &reply);
+        MonitorImpl::SaveProbeMessage(message, replyTo);
         EXPECT_EQ(capture.Count(log), *log ? 1 : 0) << capture.Dump();  // "": no line at all
     }
-    LogCapture capture;
-    MonitorImpl::SaveProbeMessage(ProbeRequest(r), nullptr);  // senders rely on the reply
-    EXPECT_EQ(capture.Count("Not right message type"), 1);
     EXPECT_FALSE(m_sysroot.Exists(kHistory));
-    Message reply("untouched");
     MonitorImpl::SaveProbeMessage(ProbeRequest(r), &reply);
     EXPECT_TRUE(reply.topic == "untouched" && reply.data.empty());
     EXPECT_EQ(History(), "imx_wide_i/wide/1/ok");
@@ -169,102 +159,70 @@ TEST_F(MonitorTest, SaveIgnoresWhatIsNotAProbeRecord) {
 
 TEST_F(MonitorTest, SavesCompactRecordsAndAFailedWriteKeepsTheOldHistoryWhole) {
     LogCapture capture;
-    Save(P("imx_wide_i", "wide", 1700000000123, true));
+    Save({P("imx_wide_i", "wide", 1700000000123, true)});
     EXPECT_EQ(capture.Count(kReadFailure), 1);  // no file yet
     EXPECT_EQ(m_sysroot.ReadFile(kHistory),
               R"([{"sensor_name":"imx_wide_i","sensor_type":"wide","probe_time":1700000000123,)"
               R"("probe_result":"success"}])");
     // The new file is written beside the old one, then renamed over it: block that path.
-    const std::string next = m_sysroot / kHistory + "." + std::to_string(getpid()) + ".tmp";
-    std::filesystem::create_directory(next);
-    Save(P("new", "wide", 2, false));
+    std::filesystem::create_directory(m_sysroot / kHistory + "." + std::to_string(getpid()) +
+                                      ".tmp");
+    Save({P("new", "wide", 2, false)});
     EXPECT_TRUE(capture.Contains("Failed to write file: data/vendor/camera/probe_messages.json"));
     EXPECT_EQ(History(), "imx_wide_i/wide/1700000000123/ok");
-    std::filesystem::remove(next);
-    Save(P("new", "wide", 2, false));
-    EXPECT_EQ(History(), "imx_wide_i/wide/1700000000123/ok new/wide/2/fail");
-    EXPECT_FALSE(std::filesystem::exists(next));
 }
 
-TEST_F(MonitorTest, ConcurrentSavesLoseNothingAndQueriesNeverSeeAPartialFile) {
-    m_sysroot.WriteFile(kHistory, "[]");
-    LogCapture capture;
-    std::atomic<bool> saving{true};
-    std::thread reader([&] {
-        while (saving) {
-            MonitorImpl::GetProbeMessage("t0", -1);
-        }
-    });
-    std::vector<std::thread> writers;
-    for (int w = 0; w < 4; ++w) {
-        writers.emplace_back([w] {
-            for (int i = 0; i < 25; ++i) {
-                Save(P("s" + std::to_string(i), "t" + std::to_string(w), i, true));
-            }
-        });
-    }
-    for (auto& writer : writers) {
-        writer.join();
-    }
-    saving = false;
-    reader.join();
-    for (const char* type : {"t0", "t1", "t2", "t3"}) {
-        EXPECT_EQ(MonitorImpl::GetProbeMessage(type, -1).size(), 25u) << type;
-    }
-    EXPECT_FALSE(capture.Contains("Failed to read file"));
-}
-
-TEST_F(MonitorTest, RecordingFollowsTheLowestBitOfTheSwitchReadAtConstruction) {
-    constexpr const char* kSwitch = "persist.vendor.camera.cloud.corvanesystem.monitor";
-    ExpectInChild([this] {
-        const std::pair<const char*, bool> values[] = {
-            {"", false}, {"2", false}, {"abc", false}, {"3", true}, {"-1", true}};
-        for (const auto& [value, records] : values) {
-            SCOPED_TRACE(value);
-            m_sysroot.SetProperty(kSwitch, value);
-            std::filesystem::remove(m_sysroot / kHistory);
-            LogCapture capture;
-            Monitor* monitor = Monitor::Create();
-            // No bus in this sysroot: each subscription says so, recording goes on.
-            EXPECT_EQ(capture.Count("m_pMessageCenterSubscribeFuncPtr is NULL", "[MESSAGECENTER]"),
-                      4);
-            m_sysroot.SetProperty(kSwitch, records ? "0" : "1");  // read at construction only
-            monitor->RecordProbeMessage("imx_tele5x_ii", true);
-            Monitor::Destroy(monitor);
+TEST_F(MonitorTest, ControllerRecordsWhenMonitrIsOnAndTheSwitchIsOddAtConstruction) {
+    const struct {
+        const char* modswitch;  // bit 0x2 is "monitr"
+        const char* monitorSwitch;
+        bool records;
+    } rows[] = {{"2", "3", true},
+                {"2", "-1", true},
+                {"2", "2", false},
+                {"2", "abc", false},
+                {"0", "1", false}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string(row.modswitch) + " " + row.monitorSwitch);
+        m_sysroot.SetProperty("persist.vendor.camera.cloud.corvanesystem.modswitch", row.modswitch);
+        m_sysroot.SetProperty(kSwitch, row.monitorSwitch);
+        std::filesystem::remove(m_sysroot / kHistory);
+        ExpectInChild([&] {
+            CorvaneSystem* system = CorvaneSystemGetInstance();
+            m_sysroot.SetProperty(kSwitch, row.records ? "0" : "1");  // read at construction only
+            system->RecordProbeMessage("imx_tele5x_ii", true);
             std::vector<ProbeMessage> stored = MonitorImpl::GetProbeMessage("tele5x", -1);
-            ASSERT_EQ(stored.size(), records ? 1u : 0u);
-            if (records) {
+            ASSERT_EQ(stored.size(), row.records ? 1u : 0u);
+            if (row.records) {
                 EXPECT_EQ(stored[0].sensorName, "imx_tele5x_ii");
                 EXPECT_NEAR(static_cast<double>(stored[0].probeTime),
                             static_cast<double>(time(nullptr)) * 1000, 5000);
             }
-        }
-    });
+        });
+    }
 }
 
-TEST_F(MonitorBusTest, QueriesAnswerOverTheBus) {
+TEST_F(MonitorTest, QueriesAnswerOverTheBus) {
+    m_sysroot.InstallLibrary("com.halvern.messagecenter.so");
     // Newest first per type: wide A ok, B ok, A fail, B ok, A ok, B ok; tele: fail, then ok.
-    WriteHistory({P("B", "wide", 0, true), P("A", "wide", 1, true), P("B", "wide", 2, true),
-                  P("A", "wide", 3, false), P("B", "wide", 4, true), P("A", "wide", 5, true),
-                  P("T", "tele", 8, true), P("U", "tele", 9, false)});
+    Save({P("B", "wide", 0, true), P("A", "wide", 1, true), P("B", "wide", 2, true),
+          P("A", "wide", 3, false), P("B", "wide", 4, true), P("A", "wide", 5, true),
+          P("T", "tele", 8, true), P("U", "tele", 9, false)});
     ExpectInChild([] {
         Monitor::Destroy(Monitor::Create());  // the subscriptions outlive the monitor
-        auto last = [](const char* type) {
-            return Name(Ask("GET_LAST_PROBE_SENSOR_NAME", {{"sensor_type", MessageData(type)}}));
-        };
-        EXPECT_EQ(last("wide"), "A");
-        EXPECT_EQ(last("tele"), "") << "the newest tele probe failed";
-        EXPECT_EQ(last("front"), "");
-
+        // The newest tele probe failed: no name.
+        for (const auto& [type, name] :
+             std::map<std::string, std::string>{{"wide", "A"}, {"tele", ""}, {"front", ""}}) {
+            Message reply = Ask("GET_LAST_PROBE_SENSOR_NAME", {{"sensor_type", MessageData(type)}});
+            EXPECT_EQ(Name(reply), name) << type;
+        }
         const struct {
             std::map<std::string, MessageData> request;
             std::string answer;  // "name count"
         } most[] = {
-            {{{"record_count", MakeInt64Data(5)}}, "A 2"},  // A and B tie: smallest name
-            {{{"record_count", MakeInt64Data(4)}}, "B 2"},
-            {{}, " 0"},                                                    // no count: nothing
-            {{{"record_count", MakeInt64Data(UINT64_MAX)}}, "B 3"},        // -1: every record
-            {{{"record_count", MakeInt64Data((1ull << 32) + 4)}}, "B 2"},  // narrowed to 4
+            {{{"record_count", MakeInt64Data(5)}}, "A 2"},           // A and B tie: smallest name
+            {{}, " 0"},                                              // no count: nothing
+            {{{"record_count", MakeInt64Data(UINT64_MAX)}}, "B 3"},  // -1: every record
         };
         for (const auto& c : most) {
             std::map<std::string, MessageData> request = c.request;
@@ -274,11 +232,6 @@ TEST_F(MonitorBusTest, QueriesAnswerOverTheBus) {
             GetInt64Data(reply, "record_count", &count);
             EXPECT_EQ(reply.topic + " " + Name(reply) + " " + std::to_string(count),
                       "GET_MOST_PROBE_SENSOR_NAME " + c.answer);
-        }
-        for (const auto& [name, type] :
-             std::map<std::string, std::string>{{"hi846_front_iii", "front"}, {"imx586", ""}}) {
-            Message reply = Ask("GET_SENSOR_TYPE", {{"sensor_name", MessageData(name)}});
-            EXPECT_EQ(reply.topic + " " + Name(reply, "sensor_type"), "GET_SENSOR_TYPE " + type);
         }
         LogCapture capture;
         EXPECT_TRUE(Ask("GET_SENSOR_TYPE", {{"sensor_type", MessageData("x")}}).topic.empty());
@@ -295,27 +248,11 @@ TEST_F(MonitorBusTest, QueriesAnswerOverTheBus) {
             Message("GET_LAST_PROBE_SENSOR_NAME", {{"sensor_type", MessageData("wide")}}), &reply);
         EXPECT_EQ(reply.topic + " " + Name(reply, "other") + " " + Name(reply),
                   "GET_LAST_PROBE_SENSOR_NAME kept A");
-        // Probes arrive over the bus too (the reply pointer is required, and left untouched).
+        // Probes arrive over the bus too.
         Message untouched;
         bus->SendMessage(ProbeRequest(P("C", "front", 9, true)), &untouched);
-        EXPECT_EQ(untouched.topic + Text(MonitorImpl::GetProbeMessage("front", -1)),
-                  "C/front/9/ok");
+        EXPECT_EQ(Text(MonitorImpl::GetProbeMessage("front", -1)), "C/front/9/ok");
     });
-}
-
-TEST_F(MonitorBusTest, ControllerForwardsProbeReportsWhenMonitrIsOn) {
-    m_sysroot.SetProperty("persist.vendor.camera.cloud.corvanesystem.monitor", "1");
-    for (const char* modswitch : {"2", "0"}) {  // bit 0x2 is "monitr"
-        m_sysroot.SetProperty("persist.vendor.camera.cloud.corvanesystem.modswitch", modswitch);
-        std::filesystem::remove(m_sysroot / kHistory);
-        ExpectInChild([this, on = modswitch[0] == '2'] {
-            CorvaneSystemGetInstance()->RecordProbeMessage("s5k_tele5x_ii", true);
-            EXPECT_EQ(m_sysroot.Exists(kHistory), on);
-            Message reply =
-                Ask("GET_LAST_PROBE_SENSOR_NAME", {{"sensor_type", MessageData("tele5x")}});
-            EXPECT_EQ(Name(reply), on ? "s5k_tele5x_ii" : "<none>");
-        });
-    }
 }
 
 }  // namespace
