@@ -241,9 +241,7 @@ TEST_F(MonitorTest, QueriesAnswerOverTheBus) {
         // reply holds and its own keys are replaced.
         MessageCenterClient* bus = MessageCenterClient::GetInstance();
         bus->SendMessage(Message("GET_MOST_PROBE_SENSOR_NAME", {}), nullptr);
-        Message reply("OTHER", {{"other", MessageData("kept")}});
-        unsigned char bytes[] = {1, 2, 3};
-        reply.data["sensor_name"].Set(bytes, sizeof(bytes));
+        Message reply("OTHER", {{"other", MessageData("kept")}, {"sensor_name", MessageData("B")}});
         bus->SendMessage(
             Message("GET_LAST_PROBE_SENSOR_NAME", {{"sensor_type", MessageData("wide")}}), &reply);
         EXPECT_EQ(reply.topic + " " + Name(reply, "other") + " " + Name(reply),

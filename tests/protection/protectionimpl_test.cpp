@@ -81,37 +81,16 @@ TEST(ProtectionImplTest, SchemeStateAndSwitchFollowTheProperties) {
             EXPECT_EQ(capture.Count("main switch is not turned on"), row.mainLine ? 1 : 0);
             EXPECT_EQ(capture.Count("protection scheme: " + name + " switch is not turned on"),
                       row.schemeLine ? 1 : 0);
+            // The main switch is read once per process, not per object; the scheme's are live.
+            sysroot.SetProperty(kMainSwitch, row.opened ? "0" : "1");
+            EXPECT_EQ(NewProtection()->IsSwitchOpened(row.scheme), row.opened);
+            sysroot.SetProperty(kFirstPrefix + name, "5");
+            EXPECT_FALSE(protection->IsSwitchOpened(row.scheme));
         });
     }
 }
 
-TEST(ProtectionImplTest, MainSwitchIsReadOncePerProcessSchemePropertiesAreLive) {
-    TestSysroot sysroot;
-    const std::string sensor = std::string(kFirstPrefix) + "SENSORI2C";
-    sysroot.SetProperty(kMainSwitch, "1");
-    sysroot.SetProperty(sensor, "1");
-    ExpectInChild([&] {
-        auto protection = NewProtection();
-        EXPECT_TRUE(protection->IsSwitchOpened(ProtectionScheme::SENSORI2C));
-        sysroot.SetProperty(kMainSwitch, "0");
-        EXPECT_TRUE(protection->IsSwitchOpened(ProtectionScheme::SENSORI2C));
-        // The cache is the process's, not the object's.
-        EXPECT_TRUE(NewProtection()->IsSwitchOpened(ProtectionScheme::SENSORI2C));
-        sysroot.SetProperty(sensor, "0");
-        EXPECT_FALSE(protection->IsSwitchOpened(ProtectionScheme::SENSORI2C));
-    });
-}
-
 using Schemes = std::map<std::string, std::map<std::string, std::vector<std::string>>>;
-
-Schemes SchemesOf(const ProtectionImpl& protection) {
-    Schemes schemes;
-    for (const auto& [name, config] : protection.GetSchemeConfig()) {
-        EXPECT_EQ(config.schemeName, name);
-        schemes[name] = config.hookGroupList;
-    }
-    return schemes;
-}
 
 TEST(ProtectionImplTest, ConfigurationFileGivesTheUsableSchemesOnly) {
     struct Row {
@@ -148,7 +127,12 @@ TEST(ProtectionImplTest, ConfigurationFileGivesTheUsableSchemesOnly) {
         ExpectInChild([&] {
             LogCapture capture;
             auto protection = NewProtection();
-            EXPECT_EQ(SchemesOf(*protection), row.expected);
+            Schemes schemes;
+            for (const auto& [name, config] : protection->GetSchemeConfig()) {
+                EXPECT_EQ(config.schemeName, name);
+                schemes[name] = config.hookGroupList;
+            }
+            EXPECT_EQ(schemes, row.expected);
             // Without a hook engine nothing is installed, and the model says so.
             EXPECT_TRUE(capture.Contains("Initialize() InitializeProtectionScheme failed"));
             for (const std::string& line : row.logged) {
@@ -223,9 +207,7 @@ TEST(ProtectionImplTest, KernelSchemeIsWrittenToTheCameraModuleThroughTheControl
                       row.scheme == ProtectionScheme::KERNELI2C);
         });
     }
-}
-
-TEST(ProtectionImplTest, KernelCodeWritesOnlyZeroOrOneAndSurvivesAMissingFile) {
+    // Called directly, only 0 and 1 are written, and a missing file is not created.
     TestSysroot sysroot;
     ExpectInChild([&] {
         sysroot.WriteFile(kKernelFile, "0");
