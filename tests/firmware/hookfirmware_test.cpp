@@ -67,7 +67,8 @@ HookOperation* Engine() {
     return engine;
 }
 
-TEST(HookFirmwareTest, CommandsAreStoredPerTripleSentAndAcknowledged) {
+// Pending commands survive a restart: they are replayed when the firmware boots.
+TEST(HookFirmwareTest, CommandsAreStoredPerTripleSentAcknowledgedReplayedAndCleared) {
     TestSysroot sysroot;
     Prepare(sysroot);
     ExpectInChild([&] {
@@ -89,12 +90,11 @@ TEST(HookFirmwareTest, CommandsAreStoredPerTripleSentAndAcknowledged) {
         EXPECT_TRUE(engine->IsHookStatus("fw_hook"));
         EXPECT_EQ(Sql(sysroot / kHookDb, "select * from fault_inject_ack"), "fw_hook|1|2|3|0x10\n");
 
-        // Removing the command also deletes its acknowledgement; clearing empties both tables.
-        EXPECT_EQ(engine->ProcessCmds(HookFw{1, 1, 2, 3, "p"}), 0);
+        // Removing the command also deletes its acknowledgement.
+        EXPECT_EQ(engine->ProcessCmds(HookFw{1, 1, 2, 3, "second"}), 0);
         EXPECT_EQ(Sql(sysroot / kHookDb, "select count(*) from fault_inject_ack"), "0\n");
         EXPECT_EQ(engine->ProcessCmds(HookFw{0, 4, 5, 6, "q"}), 0);
-        EXPECT_EQ(engine->ProcessCmds(HookFw{2, 0, 0, 0, ""}), 0);
-        EXPECT_EQ(Sql(sysroot / kHookDb, "select count(*) from hook_firmware"), "0\n");
+        EXPECT_EQ(engine->ProcessCmds(HookFw{0, 7, 8, 9, "r"}), 0);
         std::vector<std::string> sent;
         for (const Message& message : Received()) {
             sent.push_back(Describe(message));
@@ -102,27 +102,21 @@ TEST(HookFirmwareTest, CommandsAreStoredPerTripleSentAndAcknowledged) {
         EXPECT_EQ(sent,
                   (std::vector<std::string>{
                       "dynamic param=first payload=0 1 2 3", "dynamic param=second payload=0 1 2 3",
-                      "dynamic length=4 param=p payload=1 1 2 3", "dynamic param=q payload=0 4 5 6",
-                      "dynamic length=4 payload=2 0 0 0"}));
+                      "dynamic length=4 param=second payload=1 1 2 3",
+                      "dynamic param=q payload=0 4 5 6", "dynamic param=r payload=0 7 8 9"}));
     });
-}
-
-TEST(HookFirmwareTest, PendingCommandsSurviveARestartAndAreReplayedAtBoot) {
-    TestSysroot sysroot;
-    Prepare(sysroot);
-    ASSERT_TRUE(ChildSucceeded(RunTestInChild([&] {
-        HookOperation* engine = Engine();
-        engine->ProcessCmds(HookFw{0, 1, 2, 3, "alpha"});
-        engine->ProcessCmds(HookFw{0, 4, 5, 6, "beta"});
-    })));
     ExpectInChild([&] {
-        Engine();
-        Message request("bootinject");
-        request.data["payload"] = MessageData("boot");
+        HookOperation* engine = Engine();
         Message reply;
-        MessageCenterClient::GetInstance()->SendMessage(request, &reply);
+        MessageCenterClient::GetInstance()->SendMessage(
+            Message("bootinject", {{"payload", MessageData("boot")}}), &reply);
         EXPECT_EQ(Describe(reply),
-                  "bootInjectAck length=6 param_0=alpha param_1=beta payload=1 2 3 4 5 6");
+                  "bootInjectAck length=6 param_0=q param_1=r payload=4 5 6 7 8 9");
+        // Clearing empties the table.
+        EXPECT_EQ(engine->ProcessCmds(HookFw{2, 0, 0, 0, ""}), 0);
+        EXPECT_EQ(Sql(sysroot / kHookDb, "select count(*) from hook_firmware"), "0\n");
+        ASSERT_EQ(Received().size(), 1u);
+        EXPECT_EQ(Describe(Received()[0]), "dynamic length=4 payload=2 0 0 0");
     });
 }
 
