@@ -79,7 +79,7 @@ TEST(ProtectionHooksTest, SwitchesDecideWhetherTheSensorGuardIsInstalled) {
     }
 }
 
-TEST(ProtectionHooksTest, AFailingGroupRollsBackTheGroupsOfItsOwnSchemeOnly) {
+TEST(ProtectionHooksTest, AFailingGroupRollsBackItsSchemeOnlyAndASchemeOffIsRemovedAtTheNextStart) {
     TestSysroot sysroot;
     InstallSamples(sysroot, kProtectionModules, true);
     // One group of one case of one hook each: group name, replaced function, replacement.
@@ -136,35 +136,23 @@ TEST(ProtectionHooksTest, AFailingGroupRollsBackTheGroupsOfItsOwnSchemeOnly) {
         EXPECT_EQ(buffer[1], 0xFF);
         EXPECT_TRUE(engine->IsHookGroupReady("z_eeprom"));
     });
-}
+    const std::string eepromAvailable = "select available from hook_group where group_id=5";
+    ASSERT_EQ(Sql(sysroot / kHookDbFile, eepromAvailable), "1\n");
 
-TEST(ProtectionHooksTest, ASchemeSwitchedOffHasItsGroupsRemovedAtTheNextStart) {
-    TestSysroot sysroot;
-    InstallSamples(sysroot, kProtectionModules, true);
-    const std::string scheme = std::string(kSchemePrefix) + "SENSORI2C";
-    sysroot.SetProperty(kMainSwitch, "1");
-    sysroot.SetProperty(scheme, "1");
+    // Restarted with that scheme off: the engine re-installs the stored group at start-up, then
+    // the protection model removes it; the scheme before it keeps its guard.
+    sysroot.SetProperty(std::string(kSchemePrefix) + "ZOOMI2C", "0");
     ExpectInChild([&] {
         ScopedChdir chdir(sysroot.path());
         CorvaneSystemGetInstance();
-        ASSERT_EQ(SampleSensor<WriteFunction>("CameraSensorI2CWrite")(kSlave, kModeSelect, 1),
+        uint8_t buffer[4] = {};
+        EXPECT_EQ(SampleSensor<EepromFunction>("CameraEepromRead")(0, buffer, 4), 4);
+        EXPECT_NE(buffer[1], 0xFF);
+        EXPECT_FALSE(HookOperation::GetInstance()->IsHookGroupReady("z_eeprom"));
+        EXPECT_EQ(SampleSensor<WriteFunction>("CameraSensorI2CWrite")(kSlave, kModeSelect, 1),
                   -EPERM);
     });
-    ASSERT_EQ(Sql(sysroot / kHookDbFile, "select available from hook_group where group_id=4"),
-              "1\n");
-
-    // Restarted with the scheme off: the engine re-installs the stored group at start-up, then
-    // the protection model removes it.
-    sysroot.SetProperty(scheme, "0");
-    ExpectInChild([&] {
-        ScopedChdir chdir(sysroot.path());
-        CorvaneSystemGetInstance();
-        EXPECT_EQ(SampleSensor<WriteFunction>("CameraSensorI2CWrite")(kSlave, kModeSelect, 1),
-                  -EINVAL);
-        EXPECT_FALSE(HookOperation::GetInstance()->IsHookGroupReady("sensor_i2c_guard"));
-    });
-    EXPECT_EQ(Sql(sysroot / kHookDbFile, "select available from hook_group where group_id=4"),
-              "0\n");
+    EXPECT_EQ(Sql(sysroot / kHookDbFile, eepromAvailable), "0\n");
 }
 
 }  // namespace
