@@ -39,7 +39,6 @@ TEST(HookRestartGuard, TheStartAfterTwoCrashedOnesLeavesTheGroupsOut) {
         }
         HookRestartGuard guard(path, 1h);
         EXPECT_EQ(guard.BeginReinstall(), c.goesAhead);
-        EXPECT_EQ(access(path.c_str(), F_OK) == 0 ? ReadTextFile(path) : "", c.stateAfter);
         EXPECT_TRUE(guard.BeginReinstall());  // a second call of the process counts nothing
         EXPECT_EQ(access(path.c_str(), F_OK) == 0 ? ReadTextFile(path) : "", c.stateAfter);
     }
@@ -58,7 +57,6 @@ TEST(HookRestartGuard, AGoodStartForgetsTheCount) {
     {
         HookRestartGuard shutsDown(path, 1h);
         ASSERT_TRUE(shutsDown.BeginReinstall());
-        EXPECT_EQ(ReadTextFile(path), "2" + kOwnState);
     }
     EXPECT_NE(access(path.c_str(), F_OK), 0);
 }

@@ -18,10 +18,7 @@ TEST(SensorTypeTest, ClassIsTheWordOfTheFirstLensSegment) {
         {"tele5x", {"s5k_tele5x_ii"}},
         {"tele10", {"x_tele10_iii"}},
         {"tele", {"ov64b_tele_i"}},
-        {"front", {"hi846_front_iii"}},
         {"macro", {"gc02_macro_i_sunny"}},
-        {"depth", {"gc02_depth_i"}},
-        {"ultra", {"ov_ultra_i"}},
         {"", {"imx586", "ultra_i", "a_wide_", "a_Wide_i", "a_tele5xx_i", "a_wide_I"}},
     };
     for (const auto& c : cases) {
