@@ -120,21 +120,4 @@ TEST(HookFirmwareTest, CommandsAreStoredPerTripleSentAcknowledgedReplayedAndClea
     });
 }
 
-TEST(HookFirmwareTest, WithoutTheFirmwareSwitchNothingIsSubscribedOrStored) {
-    TestSysroot sysroot;
-    Prepare(sysroot);
-    sysroot.ClearProperties();
-    ExpectInChild([&] {
-        HookOperation* engine = Engine();
-        EXPECT_EQ(engine->ProcessCmds(HookFw{0, 1, 2, 3, "p"}), 0);
-        EXPECT_EQ(Received().size(), 1u);  // still sent
-        Message reply;
-        MessageCenterClient::GetInstance()->SendMessage(Message("bootinject"), &reply);
-        EXPECT_TRUE(reply.topic.empty());  // nobody answers
-        EXPECT_FALSE(sysroot.Exists(kHookDb));
-        EXPECT_EQ(engine->ClearHook(), 0);
-        EXPECT_EQ(Received().size(), 1u);  // clear does nothing without the database
-    });
-}
-
 }  // namespace

@@ -26,9 +26,7 @@ constexpr const char* kOwnHookCases = R"({
     "HOOK_CASE": [{"case_id": 2, "hook_function": ["good", "nolib"]},
                   {"case_id": 3, "hook_function": ["good"]}],
     "HOOK_FUNCTION": [
-        {"hook_name": "nolib", "hook_type": 2, "source_lib_name": "vendor/lib64/libnone.so",
-         "target_lib_name": "vendor/lib64/libcorvane_sample_fault.so",
-         "source_function_symbol": "f", "target_function_symbol": "g"},
+        {"hook_name": "nolib", "hook_type": 2, "source_lib_name": "vendor/lib64/libnone.so"},
         {"hook_name": "good", "hook_type": 2, "function_type": 2,
          "source_lib_name": "vendor/lib64/libcorvane_sample_sensor.so",
          "target_lib_name": "vendor/lib64/libcorvane_sample_fault.so",

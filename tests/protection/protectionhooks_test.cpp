@@ -48,7 +48,6 @@ TEST(ProtectionHooksTest, SwitchesDecideWhetherTheSensorGuardIsInstalled) {
         {"coreload off", "0x0E", "1", "1", true, false},
         {"monitr off", "0x8C", "1", "1", true, false},
         {"main switch off", "0x8E", "0", "1", false, false},
-        {"scheme at 2", "0x8E", "1", "2", false, false},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
