@@ -23,10 +23,6 @@ class InspectableDB : public DBOperations {
     uint32_t Status() const { return m_dbStatus; }
 };
 
-bool Exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
-}
-
 std::string TablesOf(const std::string& path) {
     return Sql(path, "select name from sqlite_master where type='table' order by 1;");
 }
@@ -41,7 +37,7 @@ TEST(DBOperations, CreatesTablesAndGivesAHeaderRowThenTheData) {
     TempDir dir;
     std::string path = dir / "hook.db";
     EXPECT_EQ(InspectableDB(path, {}).Status(), 0u);
-    EXPECT_FALSE(Exists(path));  // no statement, no file
+    EXPECT_FALSE(std::filesystem::exists(path));  // no statement, no file
     InspectableDB db(path, {"create table if not exists a(x INT not null);",
                             "g(id INTEGER primary key, name TEXT);"});  // the prefix is added
     EXPECT_EQ(db.Status(), 0u);
@@ -100,7 +96,7 @@ TEST(DBOperations, AnUnusablePathOrAFailedCreationBlocksTheObject) {
     std::string witness = Witness(dir, path);
     LogCapture log;
     InspectableDB db(path, {"first(x);", statement, "third(x);"});
-    EXPECT_FALSE(Exists(path));
+    EXPECT_FALSE(std::filesystem::exists(path));
     EXPECT_EQ(db.Status(), DB_STATUS_INIT_FAILED | DB_STATUS_SQL_FAILED);
     EXPECT_EQ(TablesOf(witness), "first\n");
     EXPECT_EQ(log.Count("SQL statement execution failed, sql: create table if not exists " +
@@ -155,7 +151,7 @@ TEST(DBOperations, AFailedRequestRunsNothingBlocksTheObjectAndRemovesTheFile) {
                   1)
             << log.Dump();
         EXPECT_EQ(db.Status(), DB_STATUS_SQL_FAILED);
-        EXPECT_FALSE(Exists(path));
+        EXPECT_FALSE(std::filesystem::exists(path));
         EXPECT_EQ(TablesOf(witness), "t\nvictim\n");
         EXPECT_EQ(Sql(witness, "select x from victim;"), "7\n");
         EXPECT_EQ(db.SQLExecute("create table t(x);", nullptr, nullptr), DB_BLOCKED);

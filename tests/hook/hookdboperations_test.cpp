@@ -2,8 +2,8 @@
 #include "core/database/hook/hookdboperations.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -20,7 +20,6 @@ using corvanetest::TempDir;
 template <typename T>
 struct Database {
     explicit Database(const std::vector<std::string>& tables) : db(T::Create(path, tables)) {}
-    bool Exists() const { return access(path.c_str(), F_OK) == 0; }
 
     TempDir dir;
     std::string path = dir / "hook.db";
@@ -54,7 +53,7 @@ TEST(HookDBOperationsTest, GroupColumnsAndReadBack) {
     // Values are stored unescaped: a quote fails the statement, which blocks the object and
     // removes the file; what is asked of it then reads as nothing stored.
     EXPECT_NE(d.db->AddGroup(HookGroup{3, "it's", {}, {}, false}), 0);
-    EXPECT_FALSE(d.Exists());
+    EXPECT_FALSE(std::filesystem::exists(d.path));
     EXPECT_EQ(d.db->AddGroup(HookGroup{3, "group3", {}, {}, false}), DB_BLOCKED);
     EXPECT_EQ(d.db->UpdateHook(Hook()), DB_BLOCKED);
     EXPECT_FALSE(d.db->QueryHookGroupAvailable(updated));

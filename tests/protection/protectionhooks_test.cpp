@@ -10,16 +10,12 @@
 
 #include "core/controller/corvanesystem.h"
 #include "core/model/hook/hookoperation.h"
-#include "tests/protection/bigdatareports.h"
+#include "tests/protection/protectiontest.h"
 #include "tests/support/samplesysroot.h"
 
 namespace {
 
 using namespace corvanetest;
-
-constexpr const char* kMainSwitch =
-    "persist.vendor.camera.cloud.corvanesystem.protection.mainswitch";
-constexpr const char* kSchemePrefix = "persist.vendor.camera.cloud.corvanesystem.protection.";
 
 // Sub-module bits: monitr 0x2, hookswitch 0x4, inithookswitch 0x8, coreload 0x80.
 constexpr const char* kProtectionModules = "0x8E";

@@ -1,4 +1,4 @@
-// Reads the host big-data reporter's file back.
+// What the protection tests share: the switches' property names and the host's report file.
 #pragma once
 
 #include <fstream>
@@ -6,6 +6,11 @@
 #include <string>
 
 namespace corvanetest {
+
+constexpr const char* kMainSwitch =
+    "persist.vendor.camera.cloud.corvanesystem.protection.mainswitch";
+// The first of a scheme's two properties: this prefix and the scheme's name.
+constexpr const char* kSchemePrefix = "persist.vendor.camera.cloud.corvanesystem.protection.";
 
 constexpr const char* kBigDataReportFile = "data/vendor/camera/bigdata_reports.log";
 
