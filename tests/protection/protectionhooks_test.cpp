@@ -25,7 +25,6 @@ constexpr uint16_t kModeSelect = 0x0100;  // protected by the sample scheme; bey
 constexpr uint16_t kSoftReset = 0x0103;   // 256 registers, so unguarded writes give -EINVAL
 
 using WriteFunction = int (*)(uint16_t, uint16_t, uint16_t);
-using ReadFunction = int (*)(uint16_t, uint16_t, uint16_t*);
 using MoveFunction = int (*)(int32_t);
 using EepromFunction = int (*)(uint32_t, uint8_t*, uint32_t);
 
@@ -122,9 +121,7 @@ TEST(ProtectionHooksTest, AFailingGroupRollsBackItsSchemeOnlyAndASchemeOffIsRemo
             << capture.Dump();
         EXPECT_EQ(SampleSensor<MoveFunction>("CameraActuatorMove")(5), 0);
         EXPECT_FALSE(engine->IsHookGroupReady("a_move"));
-        EXPECT_FALSE(capture.Contains("The name of the hook group is: c_read"));
-        uint16_t value = 1;
-        EXPECT_EQ(SampleSensor<ReadFunction>("CameraSensorI2CRead")(kSlave, 0x20, &value), 0);
+        EXPECT_FALSE(engine->IsHookGroupReady("c_read"));
         // The scheme after it is installed all the same.
         uint8_t buffer[4] = {};
         EXPECT_EQ(SampleSensor<EepromFunction>("CameraEepromRead")(0, buffer, 4), 4);
