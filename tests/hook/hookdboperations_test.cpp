@@ -58,7 +58,6 @@ TEST(HookDBOperationsTest, GroupColumnsAndReadBack) {
     EXPECT_EQ(d.db->UpdateHook(Hook()), DB_BLOCKED);
     EXPECT_FALSE(d.db->QueryHookGroupAvailable(updated));
     EXPECT_TRUE(d.db->QueryHookGroupArguments(updated).empty());
-    EXPECT_EQ(d.db->AddHookConfigInformation(HookConfigInformation()), 0);
 }
 
 TEST(HookDBOperationsTest, CasesHooksAndTheWholeConfiguration) {

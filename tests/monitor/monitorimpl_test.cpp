@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <map>
 #include <optional>
-#include <tuple>
 
 #include "core/controller/corvanesystem.h"
 #include "core/messagecenter/messagecenterclient.h"
@@ -141,15 +140,18 @@ TEST_F(MonitorTest, SavesOnlyProbeRecordsCompactlyAndAFailedWriteKeepsTheOldHist
     noTime.data.erase("probe_time");
     timeAsText.data["probe_time"] = MessageData("1");
     Message reply("untouched");
-    const std::tuple<Message, Message*, const char*> cases[] = {
-        {wrongTopic, &reply, "Not right message type"},
-        {ProbeRequest(r), nullptr, "Not right message type"},  // senders rely on the reply
-        {noTime, &reply, ""},
-        {timeAsText, &reply, "wrong kind"}};
-    for (const auto& [message, replyTo, log] : cases) {
+    const struct {
+        Message message;
+        Message* reply;
+        const char* log;  // "": no line at all
+    } cases[] = {{wrongTopic, &reply, "Not right message type"},
+                 {ProbeRequest(r), nullptr, "Not right message type"},  // senders rely on the reply
+                 {noTime, &reply, ""},
+                 {timeAsText, &reply, "wrong kind"}};
+    for (const auto& c : cases) {
         LogCapture capture;
-        MonitorImpl::SaveProbeMessage(message, replyTo);
-        EXPECT_EQ(capture.Count(log), *log ? 1 : 0) << capture.Dump();  // "": no line at all
+        MonitorImpl::SaveProbeMessage(c.message, c.reply);
+        EXPECT_EQ(capture.Count(c.log), *c.log ? 1 : 0) << capture.Dump();
     }
     EXPECT_FALSE(m_sysroot.Exists(kHistory));
     LogCapture capture;
