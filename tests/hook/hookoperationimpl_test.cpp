@@ -59,7 +59,6 @@ TEST(HookConfigTest, ReadsGroupsCasesAndHooksWithTheirOverrideRulesAndListsThemI
     EXPECT_EQ(info.hooks["a"].hook_id, 2u);
     EXPECT_EQ(info.hooks["a"].hook_type, 4);
     EXPECT_EQ(info.hooks["a"].function_type, 0);
-    EXPECT_EQ(info.hooks["b"].hook_id, HOOK_ID_NONE);
     EXPECT_EQ(info.hooks["b"].target_function_symbol, "t");
 }
 

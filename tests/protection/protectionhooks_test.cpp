@@ -3,8 +3,8 @@
 // are decided once per process, so every scenario runs in its own child.
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <string.h>
 
-#include <array>
 #include <string>
 #include <vector>
 
@@ -76,34 +76,17 @@ TEST(ProtectionHooksTest, SwitchesDecideWhetherTheSensorGuardIsInstalled) {
 TEST(ProtectionHooksTest, AFailingGroupRollsBackItsSchemeOnlyAndASchemeOffIsRemovedAtTheNextStart) {
     TestSysroot sysroot;
     InstallSamples(sysroot, kProtectionModules, true);
-    // One group of one case of one hook each: group name, replaced function, replacement.
-    const std::array<std::array<std::string, 3>, 5> hooks = {{
-        {"sensor_i2c_guard", "CameraSensorI2CWrite", "GuardSensorI2CWrite"},
-        {"a_move", "CameraActuatorMove", "FaultActuatorMoveTimeout"},
-        {"b_broken", "CameraOisEnable", "NoSuchFunction"},
-        {"c_read", "CameraSensorI2CRead", "FaultSensorI2CReadFail"},
-        {"z_eeprom", "CameraEepromRead", "FaultEepromReadCorrupt"},
-    }};
-    std::string groups, cases, functions;
-    for (size_t i = 0; i < hooks.size(); ++i) {
-        const std::string id = std::to_string(i + 1), comma = i == 0 ? "" : ",";
-        groups += comma + R"({"group_id": )" + id + R"(, "group_name": ")" + hooks[i][0] +
-                  R"(", "case": [)" + id + "]}";
-        cases += comma + R"({"case_id": )" + id + R"(, "hook_function": ["h)" + id + R"("]})";
-        functions += comma + R"({"hook_type": 2, "hook_name": "h)" + id +
-                     R"(", "source_lib_name": "vendor/lib64/libcorvane_sample_sensor.so",
-                     "target_lib_name": "vendor/lib64/libcorvane_sample_fault.so",
-                     "source_function_symbol": ")" +
-                     hooks[i][1] + R"(", "target_function_symbol": ")" + hooks[i][2] + R"("})";
-    }
-    sysroot.WriteFile(kHookCaseFile, R"({"HOOK_GROUP": [)" + groups + R"(], "HOOK_CASE": [)" +
-                                         cases + R"(], "HOOK_FUNCTION": [)" + functions + "]}");
-    // Groups install in name order, whatever the file's order: a_move, then b_broken fails.
+    // One hook of the sample group motion_fault names a replacement that does not exist.
+    std::string cases = sysroot.ReadFile(kHookCaseFile);
+    cases.replace(cases.find("FaultOisEnableFail"), strlen("FaultOisEnableFail"), "NoSuchFunction");
+    sysroot.WriteFile(kHookCaseFile, cases);
+    // Groups install in name order, whatever the file's order: eeprom_fault, then motion_fault
+    // fails.
     sysroot.WriteFile(kProtectionConfigFile, R"([
         {"protection_scheme": "INVAILD", "hook_group_list": [{"sensor_i2c_guard": ["0x0100"]}]},
-        {"protection_scheme": "ACTUATORI2C",
-         "hook_group_list": [{"c_read": []}, {"b_broken": ["x"]}, {"a_move": ["y"]}]},
-        {"protection_scheme": "ZOOMI2C", "hook_group_list": [{"z_eeprom": []}]}])");
+        {"protection_scheme": "ACTUATORI2C", "hook_group_list": [
+            {"sensor_i2c_fault": []}, {"motion_fault": ["x"]}, {"eeprom_fault": ["y"]}]},
+        {"protection_scheme": "ZOOMI2C", "hook_group_list": [{"sensor_i2c_flaky": []}]}])");
     sysroot.SetProperty(kMainSwitch, "1");
     for (const char* scheme : {"INVAILD", "ACTUATORI2C", "ZOOMI2C"}) {
         sysroot.SetProperty(std::string(kSchemePrefix) + scheme, "1");
@@ -117,19 +100,20 @@ TEST(ProtectionHooksTest, AFailingGroupRollsBackItsSchemeOnlyAndASchemeOffIsRemo
         EXPECT_EQ(SampleSensor<WriteFunction>("CameraSensorI2CWrite")(kSlave, kModeSelect, 1),
                   -EPERM);
         // The failing scheme: its earlier group is removed, its later group never tried.
-        EXPECT_TRUE(capture.Contains("protection scheme: ACTUATORI2C hook group: b_broken failed"))
+        EXPECT_TRUE(
+            capture.Contains("protection scheme: ACTUATORI2C hook group: motion_fault failed"))
             << capture.Dump();
         EXPECT_EQ(SampleSensor<MoveFunction>("CameraActuatorMove")(5), 0);
-        EXPECT_FALSE(engine->IsHookGroupReady("a_move"));
-        EXPECT_FALSE(engine->IsHookGroupReady("c_read"));
-        // The scheme after it is installed all the same.
         uint8_t buffer[4] = {};
         EXPECT_EQ(SampleSensor<EepromFunction>("CameraEepromRead")(0, buffer, 4), 4);
-        EXPECT_EQ(buffer[1], 0xFF);
-        EXPECT_TRUE(engine->IsHookGroupReady("z_eeprom"));
+        EXPECT_NE(buffer[1], 0xFF);
+        EXPECT_FALSE(engine->IsHookGroupReady("eeprom_fault"));
+        EXPECT_FALSE(engine->IsHookGroupReady("sensor_i2c_fault"));
+        // The scheme after it is installed all the same.
+        EXPECT_TRUE(engine->IsHookGroupReady("sensor_i2c_flaky"));
     });
-    const std::string eepromAvailable = "select available from hook_group where group_id=5";
-    ASSERT_EQ(Sql(sysroot / kHookDbFile, eepromAvailable), "1\n");
+    const std::string flakyAvailable = "select available from hook_group where group_id=6";
+    ASSERT_EQ(Sql(sysroot / kHookDbFile, flakyAvailable), "1\n");
 
     // Restarted with that scheme off: the engine re-installs the stored group at start-up, then
     // the protection model removes it; the scheme before it keeps its guard.
@@ -137,14 +121,11 @@ TEST(ProtectionHooksTest, AFailingGroupRollsBackItsSchemeOnlyAndASchemeOffIsRemo
     ExpectInChild([&] {
         ScopedChdir chdir(sysroot.path());
         CorvaneSystemGetInstance();
-        uint8_t buffer[4] = {};
-        EXPECT_EQ(SampleSensor<EepromFunction>("CameraEepromRead")(0, buffer, 4), 4);
-        EXPECT_NE(buffer[1], 0xFF);
-        EXPECT_FALSE(HookOperation::GetInstance()->IsHookGroupReady("z_eeprom"));
+        EXPECT_FALSE(HookOperation::GetInstance()->IsHookGroupReady("sensor_i2c_flaky"));
         EXPECT_EQ(SampleSensor<WriteFunction>("CameraSensorI2CWrite")(kSlave, kModeSelect, 1),
                   -EPERM);
     });
-    EXPECT_EQ(Sql(sysroot / kHookDbFile, eepromAvailable), "0\n");
+    EXPECT_EQ(Sql(sysroot / kHookDbFile, flakyAvailable), "0\n");
 }
 
 }  // namespace
