@@ -1,6 +1,5 @@
-// The probe history cannot be stored: the path is taken by something that cannot be replaced, or
-// the disk is full. Each save logs its failure, queries answer as for an empty history, and the
-// service goes on.
+// The disk is full: the probe history and the hook database cannot be stored, each save logs its
+// failure, and the service goes on; once there is room again the next start stores both.
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -20,30 +19,6 @@ using corvanetest::SupervisedService;
 
 constexpr const char* kDataDir = "data/vendor/camera";
 constexpr const char* kHistory = "data/vendor/camera/probe_messages.json";
-
-TEST(ProbeHistoryFaults, AHistoryPathThatCannotBeReplacedIsLoggedAndQueriesFindNothing) {
-    SupervisedService service;
-    std::filesystem::create_directory(service.Path(kHistory));
-    service.Start();
-    ASSERT_TRUE(service.WaitAnswering()) << service.Log();
-    for (const std::string line : {
-             "Error: could not replace data/vendor/camera/probe_messages.json: Is a directory",
-             "Failed to write file: data/vendor/camera/probe_messages.json",
-             "Failed to read file: data/vendor/camera/probe_messages.json, reset file",
-             // The service's own queries over the bus, answered from no history.
-             "probe: last successful wide sensor: \"\"",
-             "probe: most successful wide sensor: \"\" (0 successes)",
-         }) {
-        EXPECT_TRUE(service.WaitForLog(line)) << line << "\n" << service.Log();
-    }
-    // The type of a sensor comes from its name, not from the history.
-    EXPECT_TRUE(service.LogContains("probe: sensor type of ov64b_tele5x_ii: \"tele5x\""));
-    // Every temporary file was cleaned up.
-    for (const auto& entry : std::filesystem::directory_iterator(service.Path(kDataDir))) {
-        EXPECT_NE(entry.path().extension(), ".tmp") << entry.path();
-    }
-    EXPECT_TRUE(service.Stop()) << service.Log();
-}
 
 // Puts a small tmpfs over a directory for this process and its children only (a mount namespace
 // of their own), and fills it; gone with the process, or undone when this goes out of scope.

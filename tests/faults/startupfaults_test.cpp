@@ -19,6 +19,7 @@ using corvanetest::SupervisedService;
 
 constexpr const char* kHookCaseFile = "odm/etc/camera/corvanesystem_hook_case.json";
 constexpr const char* kProtectionFile = "odm/etc/camera/protection_config.json";
+constexpr const char* kDataDir = "data/vendor/camera";
 
 // A request and what its answer must hold.
 struct Probe {
@@ -86,6 +87,19 @@ const StartupFault kFaults[] = {
      Write(kProtectionFile, "{\"protection_scheme\": \"SENSORI2C\"}"),
      {"@/odm/etc/camera/protection_config.json: the root is not an array, no protection scheme"},
      {kInjectAnswers, kNoGuard}},
+    // Every save of the probe history fails, and the service's own queries over the bus are
+    // answered as from an empty history; the type of a sensor comes from its name.
+    {"ProbeHistoryPathIsADirectory",
+     [](SupervisedService& s) {
+         std::filesystem::create_directories(s.Path(kDataDir) + "/probe_messages.json");
+     },
+     {"Error: could not replace data/vendor/camera/probe_messages.json: Is a directory",
+      "Failed to write file: data/vendor/camera/probe_messages.json",
+      "Failed to read file: data/vendor/camera/probe_messages.json, reset file",
+      "probe: last successful wide sensor: \"\"",
+      "probe: most successful wide sensor: \"\" (0 successes)",
+      "probe: sensor type of ov64b_tele5x_ii: \"tele5x\""},
+     {}},
     // No directory for the socket, the databases and the probe history: the service runs on
     // without a debug channel (no retry), and nothing it stores is kept.
     {"DataDirectoryMissing",
@@ -125,6 +139,10 @@ TEST_P(StartupFaults, TheServiceComesUpLogsTheFaultAndAnswersWhatItCan) {
     for (const std::string& line : fault.logLines) {
         EXPECT_TRUE(service.WaitForLog(WithSysroot(line, sysroot))) << line << "\n"
                                                                     << service.Log();
+    }
+    std::error_code error;  // a failed save leaves no temporary file behind
+    for (const auto& entry : std::filesystem::directory_iterator(service.Path(kDataDir), error)) {
+        EXPECT_NE(entry.path().extension(), ".tmp") << entry.path();
     }
     // Still the first service: nothing made it die and restart.
     pid_t pid = service.ServicePid();

@@ -82,31 +82,6 @@ TEST(CrashingFault, IsLeftOutAfterTwoCrashedStartsAndTheChannelAnswers) {
     EXPECT_TRUE(service.Stop()) << service.Log();
 }
 
-// Restarts asked for leave nothing counted (only crashes count), and bring the injected groups
-// back in force for the pipeline.
-TEST(CrashingFault, ReloadSignalsAreNotCountedAsCrashes) {
-    SupervisedService service;
-    service.Start();
-    ASSERT_TRUE(service.WaitAnswering()) << service.Log();
-    ASSERT_EQ(service.Vxcdb({"corvane", "--inject", "motion_fault"}).exitCode, 0);
-    for (int restart = 1; restart <= 3; ++restart) {
-        ProgramOutput answer = service.Vxcdb({"corvane", "--signal", "1"});
-        EXPECT_EQ(answer.exitCode, 0) << answer.output;
-        EXPECT_NE(answer.output.find("signal 1 raised: the camera service is restarting"),
-                  std::string::npos)
-            << answer.output;
-        ASSERT_TRUE(corvanetest::WaitFor([&] {
-            return service.CountInLog("camera service died by signal 1, restarting") == restart;
-        }));
-        ASSERT_TRUE(service.WaitAnswering()) << service.Log();
-    }
-    EXPECT_FALSE(service.LogContains("not re-installing")) << service.Log();
-    ProgramOutput result = service.Vxcdb({"corvane", "--inject", "result", "motion_fault"});
-    EXPECT_NE(result.output.find("<Successfully hooked>"), std::string::npos) << result.output;
-    EXPECT_TRUE(service.WaitForLog("CameraActuatorMove(512) -> -110")) << service.Log();
-    EXPECT_TRUE(service.Stop()) << service.Log();
-}
-
 // What a user sees for each kind of mistake: the answer with its hint, and the log line that
 // names the hook, the library and the symbol with the loader's own reason.
 TEST(HookCaseMistakes, AnswersHintAndTheLogNamesHookLibraryAndSymbol) {
