@@ -32,7 +32,7 @@ std::string HookCaseFile(const std::vector<std::array<std::string, 3>>& hooks) {
         cases += "{\"case_id\": " + n + ", \"case_name\": \"case_" + name +
                  "\", \"hook_function\": \"" + name + "\"},";
         if (!library.empty()) {
-            functions += "{\"hook_id\": 1, \"hook_name\": \"" + name +
+            functions += "{\"hook_id\": " + n + ", \"hook_name\": \"" + name +
                          "\", \"hook_type\": 2, \"function_type\": 1, \"source_lib_name\": "
                          "\"vendor/lib64/libcorvane_sample_sensor.so\", \"target_lib_name\": \"" +
                          library +
@@ -45,52 +45,21 @@ std::string HookCaseFile(const std::vector<std::array<std::string, 3>>& hooks) {
            "], \"HOOK_FUNCTION\": [" + functions + "]}";
 }
 
-// A stored group whose fault function crashes at its first call used to crash every later start
-// within milliseconds, so that the channel never came up to clear it.
-TEST(CrashingFault, IsLeftOutAfterTwoCrashedStartsAndTheChannelAnswers) {
+// What a user sees for each kind of mistake: the answer with its hint, and the log line that
+// names the hook, the library and the symbol with the loader's own reason. Then a stored group
+// whose fault function crashes at its first call, which used to crash every later start within
+// milliseconds, so that the channel never came up to clear it.
+TEST(UserFaults, MistakesAreExplainedAndACrashingFaultIsLeftOutAfterTwoCrashedStarts) {
     SupervisedService service;
     std::filesystem::copy_file(CORVANE_CRASHING_FAULT_LIBRARY,
                                service.Path("vendor/lib64/libcorvane_crashing_fault.so"));
     service.sysroot().WriteFile(
-        kHookCaseFile, HookCaseFile({{"actuator_crash", "vendor/lib64/libcorvane_crashing_fault.so",
-                                      "FaultActuatorMoveCrash"}}));
-    // Stored as injected by an earlier run. (Injected now, it would crash the service before
-    // the group is stored: the camera pipeline calls the function within milliseconds.)
-    service.Start();
-    ASSERT_TRUE(service.WaitAnswering()) << service.Log();
-    ASSERT_TRUE(service.Stop()) << service.Log();
-    SqliteShell(service.Path(kHookDb),
-                "update hook_group set available = 1, args_array_list = '0x10';");
-
-    service.Start();
-    ASSERT_TRUE(service.WaitForLog("not re-installing: actuator_crash (stored as not available)",
-                                   std::chrono::seconds(30)))
-        << service.Log();
-    ASSERT_TRUE(service.WaitAnswering()) << service.Log();
-    // Each of the two starts that installed it again died at once.
-    EXPECT_EQ(service.CountInLog("camera service died by signal 6, restarting"), 2);
-    EXPECT_EQ(service.CountInLog("hooked CameraActuatorMove"), 2);
-
-    ProgramOutput result = service.Vxcdb({"corvane", "--inject", "result", "actuator_crash"});
-    EXPECT_EQ(result.exitCode, 0) << result.output;
-    EXPECT_EQ(result.output.find("<Successfully hooked>"), std::string::npos) << result.output;
-    // Kept for the user to look at: not available, the arguments as given.
-    EXPECT_EQ(
-        SqliteShell(service.Path(kHookDb), "select available, args_array_list from hook_group;"),
-        "0|0x10\n");
-    EXPECT_EQ(service.CountInLog("supervisor: camera service started"), 4) << service.Log();
-    EXPECT_TRUE(service.Stop()) << service.Log();
-}
-
-// What a user sees for each kind of mistake: the answer with its hint, and the log line that
-// names the hook, the library and the symbol with the loader's own reason.
-TEST(HookCaseMistakes, AnswersHintAndTheLogNamesHookLibraryAndSymbol) {
-    SupervisedService service;
-    service.sysroot().WriteFile(
         kHookCaseFile,
         HookCaseFile({{"typo", kFaultLibrary, "FaultActuatorMoveTimeOut"},
                       {"no_library", "vendor/lib64/libmy_fault.so", "FaultActuatorMoveTimeout"},
-                      {"ghost", "", ""}}));
+                      {"ghost", "", ""},
+                      {"actuator_crash", "vendor/lib64/libcorvane_crashing_fault.so",
+                       "FaultActuatorMoveCrash"}}));
     // Without a service: the hint asks whether it runs, on which sysroot.
     ProgramOutput refused = service.Vxcdb({"corvane", "--inject", "query"});
     EXPECT_EQ(refused.exitCode, 3);
@@ -126,6 +95,30 @@ TEST(HookCaseMistakes, AnswersHintAndTheLogNamesHookLibraryAndSymbol) {
             << answer.output;
         EXPECT_TRUE(service.WaitForLog(mistake.logLine)) << mistake.logLine << service.Log();
     }
+
+    // The crashing group alone stored as injected by an earlier run. (Injected now, it would crash
+    // the service before the group is stored: the camera pipeline calls the function at once.)
+    ASSERT_TRUE(service.Stop()) << service.Log();
+    SqliteShell(service.Path(kHookDb),
+                "update hook_group set available = (group_name = "
+                "'actuator_crash'), args_array_list = '0x10';");
+    const std::string kCrashGroup = " where group_name = 'actuator_crash';";
+    service.Start();
+    ASSERT_TRUE(service.WaitForLog("not re-installing: actuator_crash (stored as not available)",
+                                   std::chrono::seconds(30)))
+        << service.Log();
+    ASSERT_TRUE(service.WaitAnswering()) << service.Log();
+    // Each of the two starts that installed it again died at once.
+    EXPECT_EQ(service.CountInLog("camera service died by signal 6, restarting"), 2);
+    EXPECT_EQ(service.CountInLog("hooked CameraActuatorMove"), 2);
+    ProgramOutput result = service.Vxcdb({"corvane", "--inject", "result", "actuator_crash"});
+    EXPECT_EQ(result.exitCode, 0) << result.output;
+    EXPECT_EQ(result.output.find("<Successfully hooked>"), std::string::npos) << result.output;
+    // Kept for the user to look at: not available, the arguments as given.
+    EXPECT_EQ(SqliteShell(service.Path(kHookDb),
+                          "select available, args_array_list from hook_group" + kCrashGroup),
+              "0|0x10\n");
+    EXPECT_EQ(service.CountInLog("supervisor: camera service started"), 4) << service.Log();
     EXPECT_TRUE(service.Stop()) << service.Log();
 }
 
