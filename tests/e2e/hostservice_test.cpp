@@ -57,8 +57,6 @@ TEST(HostServiceTest, RecordsProbesAndProtectionAndAnswersFaultAndFirmwareReques
     expectAnswer({"--inject", "status", "0", "3", "3"}, 0, "eeprom_read_corrupt  0");
     expectAnswer({"--inject", "status", "eeprom_fault"}, 0,
                  "eeprom_fault  eeprom_read_corrupt  0          3          3             0x01");
-    expectAnswer({"--inject", "firmware", "0", "0", "300", "3"}, 1,
-                 "Invalid firmware parameters: ");
 
     // The sample group "sensor_i2c_flaky" fails exactly every N-th I2C read of the pipeline and
     // passes the others on to the sensor library.

@@ -13,7 +13,7 @@
 
 namespace {
 
-using corvanetest::SqliteShell;
+using corvanetest::Sql;
 using corvanetest::SupervisedService;
 using corvanetest::WaitFor;
 
@@ -84,9 +84,8 @@ TEST(DatabaseFaults, TheObjectBlocksTheServiceAnswersAndTheNextStartRebuildsTheF
         })) << service.Log();
         ASSERT_TRUE(service.WaitAnswering()) << service.Log();
         EXPECT_NE(service.ServicePid(), pid);
-        EXPECT_EQ(
-            SqliteShell(path, "select name from sqlite_master where type='table' order by 1;"),
-            "fault_inject_ack\nhook\nhook_case\nhook_firmware\nhook_group\n");
+        EXPECT_EQ(Sql(path, "select name from sqlite_master where type='table' order by 1;"),
+                  "fault_inject_ack\nhook\nhook_case\nhook_firmware\nhook_group\n");
         struct stat info = {};
         ASSERT_EQ(stat(path.c_str(), &info), 0);
         EXPECT_NE(info.st_mode & S_IWUSR, 0u);

@@ -14,7 +14,7 @@
 namespace {
 
 using corvanetest::ProgramOutput;
-using corvanetest::SqliteShell;
+using corvanetest::Sql;
 using corvanetest::SupervisedService;
 
 constexpr const char* kHookDb = "data/vendor/camera/hook.db";
@@ -45,7 +45,7 @@ TEST(HostileRequests, QuotesAreRefusedAndOnlyTheReloadSignalsAreRaised) {
         "select (select count(*) from hook_group), (select count(*) from hook), (select "
         "count(*) from hook_firmware), (select count(*) from hook_group where available = 1), "
         "(select count(*) from hook where hook_state = 1);";
-    const std::string state = SqliteShell(service.Path(kHookDb), kState);
+    const std::string state = Sql(service.Path(kHookDb), kState);
     ASSERT_EQ(state.substr(0, 6), "6|9|0|");  // the groups and hooks of the sample configuration
 
     for (const auto& hostile : kHostile) {
@@ -54,7 +54,7 @@ TEST(HostileRequests, QuotesAreRefusedAndOnlyTheReloadSignalsAreRaised) {
         ProgramOutput answer = service.Vxcdb(arguments);
         EXPECT_EQ(answer.exitCode, 1) << answer.output;
         EXPECT_NE(answer.output.find(hostile.error), std::string::npos) << answer.output;
-        EXPECT_EQ(SqliteShell(service.Path(kHookDb), kState), state);
+        EXPECT_EQ(Sql(service.Path(kHookDb), kState), state);
     }
     EXPECT_FALSE(service.LogContains("SQL statement execution failed")) << service.Log();
     EXPECT_FALSE(service.LogContains("firmware: command")) << service.Log();

@@ -41,11 +41,6 @@ void Remove(SupervisedService& service, const std::string& relative) {
     std::filesystem::remove_all(service.Path(relative));
 }
 
-std::function<void(SupervisedService&)> Write(const std::string& relative,
-                                              const std::string& content) {
-    return [=](SupervisedService& service) { service.sysroot().WriteFile(relative, content); };
-}
-
 std::string WithSysroot(std::string text, const std::string& sysroot) {
     size_t at = text.find('@');
     return at == std::string::npos ? text : text.replace(at, 1, sysroot);
@@ -73,7 +68,9 @@ const StartupFault kFaults[] = {
      {{{"corvane", "--inject", "sensor_i2c_fault"}, 1, "Hook operation not initialized"}}},
     // A missing comma: the place is logged, and the guard that is therefore off says so.
     {"HookCaseFileMalformed",
-     Write(kHookCaseFile, "{\"HOOK_GROUP\": [\n  {\"group_id\": 1 \"group_name\": \"x\"}]}"),
+     [](SupervisedService& s) {
+         s.sysroot().WriteFile(kHookCaseFile, "{\"HOOK_GROUP\": [\n  {\"group_id\": 1 \"x\": 2}]}");
+     },
      {"Failed to initialize ConfigLoadJson: @/odm/etc/camera/corvanesystem_hook_case.json",
       "@/odm/etc/camera/corvanesystem_hook_case.json is not valid JSON at line 2, column 18 (byte "
       "offset 34): Missing a comma or '}' after an object member.",
@@ -82,10 +79,6 @@ const StartupFault kFaults[] = {
     {"ProtectionFileMissing",
      [](SupervisedService& s) { Remove(s, kProtectionFile); },
      {"Failed to open: @/odm/etc/camera/protection_config.json"},
-     {kInjectAnswers, kNoGuard}},
-    {"ProtectionFileNotAList",
-     Write(kProtectionFile, "{\"protection_scheme\": \"SENSORI2C\"}"),
-     {"@/odm/etc/camera/protection_config.json: the root is not an array, no protection scheme"},
      {kInjectAnswers, kNoGuard}},
     // Every save of the probe history fails, and the service's own queries over the bus are
     // answered as from an empty history; the type of a sensor comes from its name.

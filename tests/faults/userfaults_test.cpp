@@ -13,7 +13,7 @@
 namespace {
 
 using corvanetest::ProgramOutput;
-using corvanetest::SqliteShell;
+using corvanetest::Sql;
 using corvanetest::SupervisedService;
 
 constexpr const char* kHookCaseFile = "odm/etc/camera/corvanesystem_hook_case.json";
@@ -99,9 +99,9 @@ TEST(UserFaults, MistakesAreExplainedAndACrashingFaultIsLeftOutAfterTwoCrashedSt
     // The crashing group alone stored as injected by an earlier run. (Injected now, it would crash
     // the service before the group is stored: the camera pipeline calls the function at once.)
     ASSERT_TRUE(service.Stop()) << service.Log();
-    SqliteShell(service.Path(kHookDb),
-                "update hook_group set available = (group_name = "
-                "'actuator_crash'), args_array_list = '0x10';");
+    Sql(service.Path(kHookDb),
+        "update hook_group set available = (group_name = "
+        "'actuator_crash'), args_array_list = '0x10';");
     const std::string kCrashGroup = " where group_name = 'actuator_crash';";
     service.Start();
     ASSERT_TRUE(service.WaitForLog("not re-installing: actuator_crash (stored as not available)",
@@ -115,8 +115,8 @@ TEST(UserFaults, MistakesAreExplainedAndACrashingFaultIsLeftOutAfterTwoCrashedSt
     EXPECT_EQ(result.exitCode, 0) << result.output;
     EXPECT_EQ(result.output.find("<Successfully hooked>"), std::string::npos) << result.output;
     // Kept for the user to look at: not available, the arguments as given.
-    EXPECT_EQ(SqliteShell(service.Path(kHookDb),
-                          "select available, args_array_list from hook_group" + kCrashGroup),
+    EXPECT_EQ(Sql(service.Path(kHookDb),
+                  "select available, args_array_list from hook_group" + kCrashGroup),
               "0|0x10\n");
     EXPECT_EQ(service.CountInLog("supervisor: camera service started"), 4) << service.Log();
     EXPECT_TRUE(service.Stop()) << service.Log();

@@ -42,9 +42,13 @@ Strings WaitForEvents(size_t count) {
     return TakeEvents();
 }
 
+// Records its name and the size of the request it got, then empties its copy and signs the
+// caller's reply: each handler must get the request as sent, and all of them the one reply.
 template <char NAME>
-void Named(Message, Message*) {
-    Record(std::string(1, NAME));
+void Named(Message request, Message* reply) {
+    Record(std::string(1, NAME) + std::to_string(request.data.size()));
+    request.data.clear();
+    reply->data[std::string(1, NAME)] = MessageData();
 }
 
 BusLibrary* g_bus = nullptr;
@@ -62,30 +66,31 @@ class MessageBusTest : public ::testing::Test {
 
 TEST_F(MessageBusTest, SubscriptionRules) {
     auto deliveries = [this](const char* topic) {
-        Message reply("before", {});  // these handlers do not answer: it stays as it was
-        int called = m_bus.send(Message(topic, {}), &reply);
-        EXPECT_EQ(reply.topic, "before");
+        Message reply("before", {});  // signed by every handler, otherwise as it was
+        int called = m_bus.send(Message(topic, {{"key", {}}}), &reply);
         Strings events = TakeEvents();
+        EXPECT_EQ(reply.topic, "before");
         EXPECT_EQ(called, static_cast<int>(events.size()));
+        EXPECT_EQ(reply.data.size(), events.size());
         return events;
     };
     // Handlers run in subscription order; the same handler is kept once.
     for (MessageHandler handler : {Named<'C'>, Named<'A'>, Named<'C'>, Named<'B'>}) {
         EXPECT_EQ(m_bus.subscribe("t", handler), 0);
     }
-    EXPECT_EQ(deliveries("t"), (Strings{"C", "A", "B"}));
+    EXPECT_EQ(deliveries("t"), (Strings{"C1", "A1", "B1"}));
     // Modify replaces every handler of the topic, and subscribes on a topic without any.
     EXPECT_EQ(m_bus.modifySubscribe("t", Named<'D'>), 0);
     EXPECT_EQ(m_bus.modifySubscribe("u", Named<'E'>), 0);
-    EXPECT_EQ(deliveries("t"), Strings{"D"});
-    EXPECT_EQ(deliveries("u"), Strings{"E"});
+    EXPECT_EQ(deliveries("t"), Strings{"D1"});
+    EXPECT_EQ(deliveries("u"), Strings{"E1"});
     // Unsubscribe removes every handler and says how many; the topic can be used again.
     EXPECT_EQ(m_bus.subscribe("t", Named<'A'>), 0);
     EXPECT_EQ(m_bus.unsubscribe("t"), 2);
     EXPECT_EQ(m_bus.unsubscribe("t"), 0);
     EXPECT_EQ(deliveries("t"), Strings{});
     EXPECT_EQ(m_bus.subscribe("t", Named<'B'>), 0);
-    EXPECT_EQ(deliveries("t"), Strings{"B"});
+    EXPECT_EQ(deliveries("t"), Strings{"B1"});
 
     EXPECT_EQ(m_bus.subscribe(nullptr, Named<'A'>), -EINVAL);
     EXPECT_EQ(m_bus.subscribe("", Named<'A'>), -EINVAL);
@@ -93,27 +98,6 @@ TEST_F(MessageBusTest, SubscriptionRules) {
     EXPECT_EQ(m_bus.modifySubscribe("", Named<'A'>), -EINVAL);
     EXPECT_EQ(m_bus.modifySubscribe("t", nullptr), -EINVAL);
     EXPECT_EQ(m_bus.unsubscribe(""), -EINVAL);
-}
-
-// The first handler empties its copy of the request and answers; the second must still see the
-// request as sent, and the caller's reply with the first answer in it.
-void Emptier(Message request, Message* reply) {
-    request.data.clear();
-    reply->data["first"] = MakeInt32Data(1);
-}
-
-void Observer(Message request, Message* reply) {
-    Record(std::to_string(request.data.count("key")) + std::to_string(reply->data.count("first")));
-    reply->topic = request.topic;
-}
-
-TEST_F(MessageBusTest, EachHandlerGetsItsOwnCopyAndTheCallersReply) {
-    ASSERT_EQ(m_bus.subscribe("copies", Emptier), 0);
-    ASSERT_EQ(m_bus.subscribe("copies", Observer), 0);
-    Message reply;
-    EXPECT_EQ(m_bus.send(Message("copies", {{"key", MessageData("sent")}}), &reply), 2);
-    EXPECT_EQ(TakeEvents(), Strings{"11"});
-    EXPECT_EQ(reply.topic, "copies");
 }
 
 // Works on the bus from inside a handler: every one of these would deadlock a bus that called
@@ -126,8 +110,6 @@ void Reentrant(Message request, Message* reply) {
     Record("subscribe:" + std::to_string(g_bus->subscribe("inner", Named<'B'>)));
     Record("send:" + std::to_string(g_bus->send(Message("inner", {}), reply)));
     Record("unsubscribe:" + std::to_string(g_bus->unsubscribe("inner")));
-    Record("send:" + std::to_string(g_bus->send(Message("inner", {}), reply)));
-    Record("resubscribe self:" + std::to_string(g_bus->subscribe("outer", Reentrant)));
     Record("send self:" + std::to_string(g_bus->send(Message("outer", {{"again", {}}}), reply)));
     Record("async:" + std::to_string(g_bus->sendAsync(Message("later", {}))));
 }
@@ -136,9 +118,8 @@ TEST_F(MessageBusTest, HandlersMayUseTheBusFromInside) {
     ASSERT_EQ(m_bus.subscribe("outer", Reentrant), 0);
     Message reply;
     EXPECT_EQ(m_bus.send(Message("outer", {}), &reply), 1);
-    EXPECT_EQ(TakeEvents(),
-              (Strings{"outer:0", "subscribe:0", "B", "send:1", "unsubscribe:1", "send:0",
-                       "resubscribe self:0", "outer:1", "send self:1", "async:0"}));
+    EXPECT_EQ(TakeEvents(), (Strings{"outer:0", "subscribe:0", "B0", "send:1", "unsubscribe:1",
+                                     "outer:1", "send self:1", "async:0"}));
 }
 
 // Records the sequence number, the thread and whether a reply came along.
