@@ -14,7 +14,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <filesystem>
@@ -37,7 +36,8 @@ using Strings = std::vector<std::string>;
 constexpr const char* BUS_FILE = "com.halvern.messagecenter.so";
 
 // The bus library installed in a fresh sysroot and opened directly, its five entries resolved.
-// Every sysroot holds its own copy of the file, so every BusLibrary is a bus of its own.
+// Every sysroot holds its own copy of the file, so every BusLibrary is a bus of its own (never
+// closed: the library cannot be unloaded).
 class BusLibrary {
   public:
     BusLibrary() {
@@ -49,11 +49,6 @@ class BusLibrary {
         Resolve(&unsubscribe, MESSAGE_CENTER_UNSUBSCRIBE);
         Resolve(&send, MESSAGE_CENTER_SEND_MESSAGE);
         Resolve(&sendAsync, MESSAGE_CENTER_SEND_MESSAGE_ASYNC);
-    }
-    ~BusLibrary() {
-        if (m_handle != nullptr) {
-            dlclose(m_handle);
-        }
     }
     static std::string InstalledBus(const corvanetest::TestSysroot& sysroot) {
         return sysroot / (std::string("vendor/lib64/") + BUS_FILE);
@@ -115,10 +110,6 @@ std::vector<std::string> ClientLines(const LogCapture& log) {
     return lines;
 }
 
-int Count(const std::vector<std::string>& lines, const std::string& text) {
-    return static_cast<int>(std::count(lines.begin(), lines.end(), text));
-}
-
 void Echo(Message request, Message* reply) {
     if (reply != nullptr) {
         *reply = request;
@@ -149,21 +140,18 @@ Message UseEveryEntry() {
 TEST(MessageCenterClientTest, FailedLoadIsRetriedOnlyWhileThePropertyIsFive) {
     const std::pair<const char*, bool> cases[] = {
         {nullptr, false}, {"4", false}, {"5", true}, {"0x5", true}};  // nullptr: unset
-    for (const auto& c : cases) {
-        const char* property = c.first;
-        const bool retries = c.second;
+    for (const auto& [property, retries] : cases) {
         SCOPED_TRACE(property == nullptr ? "unset" : property);
-        ExpectInChild([&] {
+        ExpectInChild([&, property = property, retries = retries] {
             TestSysroot sysroot;
             if (property != nullptr) {
                 sysroot.SetProperty(RETRY_PROPERTY, property);
             }
             LogCapture log;
             EXPECT_EQ(UseEveryEntry().topic, "untouched");
-            std::vector<std::string> lines = ClientLines(log);
-            EXPECT_EQ(Count(lines, NOT_LOADED), retries ? 3 : 1);
-            EXPECT_EQ(Count(lines, NO_SUBSCRIBE) + Count(lines, NO_UNSUBSCRIBE), 2);
-            EXPECT_EQ(Count(lines, NO_SEND), 1);
+            EXPECT_EQ(log.Count(NOT_LOADED, TAG), retries ? 3 : 1);
+            EXPECT_EQ(log.Count(NO_SUBSCRIBE, TAG) + log.Count(NO_UNSUBSCRIBE, TAG), 2);
+            EXPECT_EQ(log.Count(NO_SEND, TAG), 1);
             // The library appears: only a retrying client ever notices.
             sysroot.InstallLibrary(BUS_FILE);
             EXPECT_EQ(BusAnswers(), retries);
@@ -177,7 +165,7 @@ TEST(MessageCenterClientTest, FailedLoadIsRetriedOnlyWhileThePropertyIsFive) {
             sysroot.SetProperty(RETRY_PROPERTY, property);
             Client()->Subscribe("a", Echo);
         }
-        EXPECT_EQ(Count(ClientLines(log), NOT_LOADED), 2);
+        EXPECT_EQ(log.Count(NOT_LOADED, TAG), 2);
     });
 }
 
@@ -230,13 +218,9 @@ void UseClientAfterItsTeardown() {
     Client()->Subscribe("late", Echo);
     Message reply("untouched", {});
     Client()->SendMessage(Message("late", {}), &reply);
-    std::vector<std::string> lines = ClientLines(*g_exitLog);
-    bool expected =
-        lines == std::vector<std::string>{NO_SUBSCRIBE, NO_SEND} && reply.topic == "untouched";
-    if (!expected) {
-        fprintf(stderr, "after teardown:\n%s", g_exitLog->Dump().c_str());
-    }
-    _exit(expected && !::testing::Test::HasFailure() ? 0 : 1);
+    EXPECT_EQ(ClientLines(*g_exitLog), (std::vector<std::string>{NO_SUBSCRIBE, NO_SEND}));
+    EXPECT_EQ(reply.topic, "untouched");
+    _exit(::testing::Test::HasFailure() ? 1 : 0);
 }
 
 void ExpectDestroyedAtExit(bool loaded) {
@@ -269,8 +253,6 @@ TEST(MessageCenterClientTest, DISABLED_ClientWhoseLoadFailedIsDestroyedAtExit) {
     ExpectDestroyedAtExit(false);
 }
 
-// The host message center, loaded with dlopen from a sysroot as the system loads it.
-
 // What the handlers saw, in order. Handlers are plain functions, so the record is global.
 std::mutex g_eventsLock;
 Strings g_events;
@@ -283,15 +265,6 @@ void Record(const std::string& event) {
 Strings TakeEvents() {
     std::lock_guard<std::mutex> guard(g_eventsLock);
     return std::move(g_events);
-}
-
-// The events once there are `count` of them (fewer when the deadline passes first).
-Strings WaitForEvents(size_t count) {
-    WaitFor([count] {
-        std::lock_guard<std::mutex> guard(g_eventsLock);
-        return g_events.size() >= count;
-    });
-    return TakeEvents();
 }
 
 // Records its name and the size of the request it got, then empties its copy and signs the
@@ -312,7 +285,6 @@ class MessageBusTest : public ::testing::Test {
         ASSERT_TRUE(m_bus.loaded());
         g_bus = &m_bus;
     }
-    void TearDown() override { g_bus = nullptr; }
     BusLibrary m_bus;
 };
 
@@ -397,8 +369,11 @@ TEST_F(MessageBusTest, AsyncDeliversInOrderOnOneWorkerWithNullReply) {
         }
         expected.push_back(std::to_string(i));  // the last one is queued by the handler
     }
-    Strings events = WaitForEvents(expected.size());
-    EXPECT_EQ(events, expected);
+    WaitFor([&] {
+        std::lock_guard<std::mutex> guard(g_eventsLock);
+        return g_events.size() >= expected.size();
+    });
+    EXPECT_EQ(TakeEvents(), expected);
     EXPECT_EQ(g_asyncThreads.size(), 1u);
     EXPECT_EQ(g_asyncThreads.count(std::this_thread::get_id()), 0u);
 }
