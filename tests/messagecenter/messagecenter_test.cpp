@@ -138,8 +138,11 @@ Message UseEveryEntry() {
 }
 
 TEST(MessageCenterClientTest, FailedLoadIsRetriedOnlyWhileThePropertyIsFive) {
-    const std::pair<const char*, bool> cases[] = {
-        {nullptr, false}, {"4", false}, {"5", true}, {"0x5", true}};  // nullptr: unset
+    const std::pair<const char*, bool> cases[] = {{nullptr, false},
+                                                  {"4", false},
+                                                  {"5", true},
+                                                  {"0x5", true},
+                                                  {"6", false}};  // nullptr: unset
     for (const auto& [property, retries] : cases) {
         SCOPED_TRACE(property == nullptr ? "unset" : property);
         ExpectInChild([&, property = property, retries = retries] {
