@@ -188,12 +188,26 @@ TEST(MessageCenterClientTest, LibraryLackingOneEntryIsRejectedSilently) {
 }
 
 // A loaded client passes every call through, silently: values come back as they were sent (the
-// bus copies them on the way), and once unsubscribed nobody answers.
+// bus copies them on the way), and once unsubscribed nobody answers. Its first use comes from
+// several threads at once (for ThreadSanitizer too): every one of them must reach the bus.
 TEST(MessageCenterClientTest, LoadedClientPassesEveryCallThrough) {
     ExpectInChild([] {
         TestSysroot sysroot;
         sysroot.InstallLibrary(BUS_FILE);
         LogCapture log;
+        std::atomic<int> failures{0};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([&] {
+                for (int i = 0; i < 500; ++i) {
+                    failures += BusAnswers() ? 0 : 1;
+                }
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        EXPECT_EQ(failures.load(), 0);
         Client()->Subscribe("t", Echo);
         std::vector<unsigned char> raw = {0, 1, 0xff, 0}, echoed;
         Message request("t", {{"time", MakeInt64Data(0x100000000ull)}});
@@ -507,6 +521,26 @@ TEST(MessageDataTest, StringOverBufferKeepsTheBufferAndEmptySetsChangeNothing) {
     MessageData fresh(source);       // a fresh copy has no buffer, whatever its size says
     EXPECT_EQ(fresh.bytes, nullptr);
     EXPECT_EQ(fresh.size, 4u);
+}
+
+// A record copied while another thread keeps replacing its buffer (for ThreadSanitizer too):
+// every copy holds one of the buffers whole, never a freed or half-replaced one.
+TEST(MessageDataTest, CopyWhileAnotherThreadSetsTheBuffer) {
+    Buffer a(64, 0xaa), b(256, 0xbb);
+    MessageData shared = BufferData(a);
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+        for (int i = 0; !stop; ++i) {
+            Buffer& next = i % 2 == 0 ? b : a;
+            shared.Set(next.data(), next.size());
+        }
+    });
+    for (int i = 0; i < 20000; ++i) {
+        Buffer content = Bytes(MessageData(shared));
+        ASSERT_TRUE(content == a || content == b) << "iteration " << i;
+    }
+    stop = true;
+    writer.join();
 }
 
 TEST(MessageTest, TypedHelpersReadOnlyTheKindStored) {
