@@ -1,3 +1,6 @@
+// A device whose files or libraries are missing or broken when the camera service starts: the
+// service comes up all the same, every missing piece leaves its log line, and what does not
+// depend on the piece keeps working.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -16,10 +19,6 @@ using corvanetest::SupervisedService;
 constexpr const char* kHookCaseFile = "odm/etc/camera/corvanesystem_hook_case.json";
 constexpr const char* kProtectionFile = "odm/etc/camera/protection_config.json";
 constexpr const char* kDataDir = "data/vendor/camera";
-
-// A device whose files or libraries are missing or broken when the camera service starts: the
-// service comes up all the same, every missing piece leaves its log line, and what does not
-// depend on the piece keeps working.
 
 // A request and what its answer must hold.
 struct Probe {

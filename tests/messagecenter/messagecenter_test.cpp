@@ -28,8 +28,6 @@
 
 namespace {
 
-// The client is a process-wide singleton whose state is decided at first use: every scenario
-// runs in a child process of its own.
 using namespace corvanetest;
 using Strings = std::vector<std::string>;
 
