@@ -80,15 +80,10 @@ ProgramOutput RunProgram(std::vector<std::string> words) {
 }
 
 ProcessFigures FiguresOf(pid_t pid) {
-    ProcessFigures figures;
-    std::string proc = "/proc/" + std::to_string(pid);
-    figures.descriptors = CountEntries(proc + "/fd");
-    figures.threads = CountEntries(proc + "/task");
-    std::string rss = StatusField(pid, "VmRSS");
-    if (!rss.empty()) {
-        figures.rssKiB = strtol(rss.c_str(), nullptr, 10);
-    }
-    return figures;
+    const std::string proc = "/proc/" + std::to_string(pid);
+    const std::string rss = StatusField(pid, "VmRSS");
+    return {CountEntries(proc + "/fd"), CountEntries(proc + "/task"),
+            rss.empty() ? -1 : strtol(rss.c_str(), nullptr, 10)};
 }
 
 SupervisedService::SupervisedService() : m_log(m_sysroot / "camera_service.log") {

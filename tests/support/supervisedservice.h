@@ -27,10 +27,6 @@ inline bool IsAnswered(const ProgramOutput& answer) {
 // Runs a program (looked up in PATH when the name has no slash) with these words as its argv, no
 // shell involved; its output and exit code. Safe to call from many threads.
 ProgramOutput RunProgram(std::vector<std::string> words);
-// What the sqlite3 command-line shell prints for `sql` run on the database at `path`.
-inline std::string SqliteShell(const std::string& path, const std::string& sql) {
-    return Sql(path, sql);
-}
 
 // Resources a process holds, read from /proc.
 struct ProcessFigures {

@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -17,16 +16,6 @@
 namespace fs = std::filesystem;
 
 namespace corvanetest {
-
-std::string LibDir() {
-    return CORVANE_LIB_DIR;
-}
-std::string BinDir() {
-    return CORVANE_BIN_DIR;
-}
-std::string SourceDir() {
-    return CORVANE_SOURCE_DIR;
-}
 
 TempDir::TempDir() : m_path((fs::temp_directory_path() / "corvane-test-XXXXXX").string()) {
     if (mkdtemp(m_path.data()) == nullptr) {
@@ -71,19 +60,13 @@ TestSysroot::~TestSysroot() {
 }
 
 void TestSysroot::InstallLibrary(const std::string& fileName, const std::string& as) {
-    fs::copy_file(fs::path(LibDir()) / fileName,
+    fs::copy_file(fs::path(CORVANE_LIB_DIR) / fileName,
                   fs::path(m_dir / "vendor/lib64") / (as.empty() ? fileName : as),
                   fs::copy_options::overwrite_existing);
 }
 
 void TestSysroot::SetProperty(const std::string& name, const std::string& value) {
-    auto it = std::find_if(m_properties.begin(), m_properties.end(),
-                           [&](const auto& property) { return property.first == name; });
-    if (it == m_properties.end()) {
-        m_properties.emplace_back(name, value);
-    } else {
-        it->second = value;
-    }
+    m_properties[name] = value;
     WriteProperties();
 }
 

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -27,10 +28,13 @@ constexpr bool kUnderSanitizer = false;
 constexpr bool kUnderSanitizer = false;
 #endif
 
-// Directory of the built shared libraries (host stand-ins, the core library, samples).
-std::string LibDir();
-std::string BinDir();
-std::string SourceDir();
+// Where the build put the programs, and the source tree.
+inline std::string BinDir() {
+    return CORVANE_BIN_DIR;
+}
+inline std::string SourceDir() {
+    return CORVANE_SOURCE_DIR;
+}
 
 // A temporary directory removed with everything below it when the object goes away.
 class TempDir {
@@ -54,7 +58,8 @@ class TestSysroot {
     ~TestSysroot();
     const std::string& path() const { return m_dir.path(); }
     std::string operator/(const std::string& relative) const { return m_dir / relative; }
-    // Copies a built library (file name in LibDir()) into vendor/lib64 under `as` (or its name).
+    // Copies a built library (file name in the build's lib/) into vendor/lib64 under `as` (or its
+    // name).
     void InstallLibrary(const std::string& fileName, const std::string& as = "");
     void SetProperty(const std::string& name, const std::string& value);
     void ClearProperties();
@@ -66,7 +71,7 @@ class TestSysroot {
   private:
     void WriteProperties();
     TempDir m_dir;
-    std::vector<std::pair<std::string, std::string>> m_properties;
+    std::map<std::string, std::string> m_properties;
     // The variables' values before, null for unset ones.
     std::unique_ptr<std::string> m_oldSysroot, m_oldPropFile;
 };
