@@ -33,9 +33,9 @@ shift || true
 # - the end-to-end tests: TSan defers a signal that arrives while a thread sits in accept4 (which
 #   it does not count as blocking) until the call returns, so the debug server's accepting thread
 #   never answers the engine's pause signal and every hook installed over vxcdb times out.
-tsan_tests='^(channel|messagecenter|monitor|firmware|hook)\.|^controller\.CorvaneSystemTest\.|^protection\.BigDataTest\.|^inlinehook\.Targets/HookConcurrencyTest\..*/ih_'
+tsan_tests='^(channel|messagecenter|monitor|firmware|hook)\.|^controller\.CorvaneSystemTest\.|^inlinehook\.Targets/HookConcurrencyTest\..*/ih_'
 tsan_targets=(test_channel test_messagecenter test_monitor test_firmware test_hook test_controller
-    test_protection test_inlinehook)
+    test_inlinehook)
 
 case "$mode" in
     address)

@@ -44,7 +44,10 @@ class MessageCenterClient {
     MessageCenterClient() = default;
     void ClearEntries();
 
-    int32_t m_state = STATE_NOT_LOADED;  // guarded by LoadMessageCenter's mutex
+    // Written under LoadMessageCenter's mutex. Atomic so that the destructor's store of
+    // STATE_DESTROYED is kept: callers at process exit read it after teardown, and an optimiser may
+    // drop a plain store to an object whose lifetime is ending.
+    std::atomic<int32_t> m_state{STATE_NOT_LOADED};
     void* m_pMessageCenterHandle = nullptr;
     // Read without a lock once loaded; atomic so that a retried load racing a reader is benign.
     std::atomic<MessageCenterSubscribeFunc> m_pMessageCenterSubscribeFuncPtr{nullptr};
