@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <map>
 #include <memory>
-#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -115,14 +114,11 @@ class FakeHookOperation : public HookOperationImpl {
 using Command = std::pair<std::string, std::vector<std::string>>;
 using Entries = std::vector<Command>;
 
-inline VXCDBMessage Request(
-    const std::string& module, const Entries& commands,
-    std::optional<VXCDBMessage::CDBModuleType> type = VXCDBMessage::CORVANE) {
+inline VXCDBMessage Request(const std::string& module, const Entries& commands,
+                            VXCDBMessage::CDBModuleType type = VXCDBMessage::CORVANE) {
     VXCDBMessage message;
     message.set_modulename(module);
-    if (type) {
-        message.set_moduletype(*type);
-    }
+    message.set_moduletype(type);
     for (const auto& [option, arguments] : commands) {
         VXCDBMessage_CDBCmd* cmd = message.add_cmds();
         cmd->set_options(option);
@@ -202,6 +198,12 @@ inline ServerPtr StartServer(const std::string& path, CorvaneSystem* system) {
     return ServerPtr(Server::Create({10, system, path}), &Server::Destroy);
 }
 
+inline sockaddr_un AddressOf(const std::string& path) {
+    sockaddr_un address = {AF_UNIX, {}};
+    strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    return address;
+}
+
 // A client socket whose reads give up after ten seconds, closed when it goes away.
 class ClientSocket {
   public:
@@ -215,8 +217,7 @@ class ClientSocket {
     ClientSocket(const ClientSocket&) = delete;
     ClientSocket& operator=(const ClientSocket&) = delete;
     bool Connect(const std::string& path) {
-        sockaddr_un address = {AF_UNIX, {}};
-        strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+        sockaddr_un address = AddressOf(path);
         m_connected = connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
         return m_connected;
     }
