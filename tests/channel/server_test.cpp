@@ -55,18 +55,16 @@ bool SameFrame(const VXCDBMessageString& a, const VXCDBMessageString& b) {
     return memcmp(&a, &b, sizeof(a)) == 0;
 }
 
-Entries Decoded(const VXCDBMessageString& frame) {
-    VXCDBMessage reply;
-    EXPECT_TRUE(DecodeVXCDBMessage(frame, &reply));
-    return EntriesOf(reply);
-}
-
 double SecondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 // A stale socket file is replaced by a socket only the service's user and group may connect to,
-// whatever the umask. Destroying the server ends the connections still open and stops listening.
+// whatever the umask. However the peer cuts a frame, it is answered as if it had arrived whole;
+// one that stays short is taken as it is once the peer pauses: its missing bytes read as zero, so
+// a payload length of 0 makes an empty message, which is echoed. The debug module answers with
+// its reply, then its own request frame; other module types are echoed unchanged. Destroying the
+// server ends the connections still open and stops listening.
 TEST_F(SocketServer, OneRequestOneReplyPerConnectionUntilDestroyed) {
     std::ofstream(m_path) << "left over";
     mode_t old = umask(0);
@@ -77,61 +75,11 @@ TEST_F(SocketServer, OneRequestOneReplyPerConnectionUntilDestroyed) {
     EXPECT_TRUE(S_ISSOCK(info.st_mode));
     EXPECT_EQ(info.st_mode & 07777, 0660u);
 
-    std::vector<VXCDBMessageString> frames = Exchange(kHelp);
-    ASSERT_EQ(frames.size(), 1u);
-    EXPECT_EQ(Decoded(frames[0]), (Entries{{"type", {"string"}}, {"help", {kExpectedHelp}}}));
-
-    // The probe that waited for the socket closed without sending: its connection ended.
-    EXPECT_TRUE(corvanetest::WaitFor([&] {
-        return m_log.Contains("Failed to receive message from client: ");
-    })) << m_log.Dump();
-
-    ClientSocket idle(m_path);
-    ASSERT_TRUE(idle.connected());
-    m_server.reset();  // returns only once the connection thread has ended
-    EXPECT_EQ(idle.Peek(), 0) << "closed";
-    EXPECT_FALSE(ClientSocket(m_path).connected()) << "no longer listening";
-}
-
-// The debug module answers with its reply, then its own request frame. What the server does not
-// execute comes back unchanged: other module types, and every request when there is no
-// controller.
-TEST_F(SocketServer, RequestsItCannotExecuteAreEchoed) {
-    const struct {
-        bool withController;
-        VXCDBMessageString request;
-        size_t frames;
-    } cases[] = {
-        {true, Frame(Request("camera", {{"help", {"x"}}}, VXCDBMessage::MAX), 3), 1},
-        {false, kHelp, 1},
-        {true, Frame(Request("debug", {{"dumpimagesensormoduledata", {}}}, VXCDBMessage::DEBUG)),
-         2},
-    };
-    for (const auto& c : cases) {
-        Serve(c.withController ? m_controller.get() : nullptr);
-        std::vector<VXCDBMessageString> frames = Exchange(c.request);
-        ASSERT_EQ(frames.size(), c.frames);
-        EXPECT_TRUE(SameFrame(frames.back(), c.request));
-        m_server.reset();
-    }
-}
-
-TEST_F(SocketServer, UnusablePathEndsTheServerWithoutListening) {
-    // bind fails (no such directory); the kept bind check lets it through to listen, which
-    // fails on the unbound socket.
-    m_path = m_dir / "missing/vxcdb_socket";
-    m_server = StartServer(m_path, m_controller.get());
-    EXPECT_TRUE(corvanetest::WaitFor([&] { return m_log.Contains("End"); })) << m_log.Dump();
-    EXPECT_TRUE(m_log.Contains("Failed to listen on socket, error: "));
-}
-
-// However the peer cuts it, a frame is answered as if it had arrived whole. One that stays short
-// is taken as it is once the peer pauses: its missing bytes read as zero, so a payload length of
-// 0 makes an empty message, which is echoed.
-TEST_F(SocketServer, FrameInPiecesIsAnsweredAsIfWhole) {
-    Serve(m_controller.get());
     const std::vector<VXCDBMessageString> whole = Exchange(kHelp);
     ASSERT_EQ(whole.size(), 1u);
+    VXCDBMessage reply;
+    ASSERT_TRUE(DecodeVXCDBMessage(whole[0], &reply));
+    EXPECT_EQ(EntriesOf(reply), (Entries{{"type", {"string"}}, {"help", {kExpectedHelp}}}));
     const std::vector<size_t> cuts[] = {{2052}, {2, 4100}, {4, 40}, {1000, 4103}};
     for (const std::vector<size_t>& at : cuts) {
         std::vector<VXCDBMessageString> frames = Exchange(kHelp, at);
@@ -139,13 +87,49 @@ TEST_F(SocketServer, FrameInPiecesIsAnsweredAsIfWhole) {
         EXPECT_TRUE(SameFrame(frames[0], whole[0])) << "cut at " << at[0];
     }
     EXPECT_EQ(m_log.Count("ERROR, can't process the protobuf!"), 0);
-
     constexpr size_t kSent = 10;
     VXCDBMessageString truncated = {};
     memcpy(&truncated, &kHelp, kSent);
     std::vector<VXCDBMessageString> frames = Exchange(kHelp, {}, kSent);
     ASSERT_EQ(frames.size(), 1u);
     EXPECT_TRUE(SameFrame(frames[0], truncated));
+
+    const VXCDBMessageString other =
+        Frame(Request("camera", {{"help", {"x"}}}, VXCDBMessage::MAX), 3);
+    frames = Exchange(other);
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_TRUE(SameFrame(frames[0], other));
+    const VXCDBMessageString debug =
+        Frame(Request("debug", {{"dumpimagesensormoduledata", {}}}, VXCDBMessage::DEBUG));
+    frames = Exchange(debug);
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_TRUE(SameFrame(frames[1], debug));
+
+    // The probe that waited for the socket closed without sending: its connection ended.
+    EXPECT_TRUE(corvanetest::WaitFor([&] {
+        return m_log.Contains("Failed to receive message from client: ");
+    })) << m_log.Dump();
+    ClientSocket idle(m_path);
+    ASSERT_TRUE(idle.connected());
+    m_server.reset();  // returns only once the connection thread has ended
+    EXPECT_EQ(idle.Peek(), 0) << "closed";
+    EXPECT_FALSE(ClientSocket(m_path).connected()) << "no longer listening";
+}
+
+// Without a controller every request is echoed. On a path where bind fails (no such directory),
+// the kept bind check lets it through to listen, which fails on the unbound socket: the server
+// ends without listening.
+TEST_F(SocketServer, WithoutControllerItEchoesAndWithoutPathItEnds) {
+    Serve(nullptr);
+    std::vector<VXCDBMessageString> frames = Exchange(kHelp);
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_TRUE(SameFrame(frames[0], kHelp));
+    m_server.reset();
+
+    m_path = m_dir / "missing/vxcdb_socket";
+    m_server = StartServer(m_path, m_controller.get());
+    EXPECT_TRUE(corvanetest::WaitFor([&] { return m_log.Count("End") == 2; })) << m_log.Dump();
+    EXPECT_TRUE(m_log.Contains("Failed to listen on socket, error: "));
 }
 
 // Idle peers hold at most the cap's worth of threads, and only until the deadline, whether they
