@@ -3,7 +3,6 @@
 // asked of it, and the fixed frame: what is framed, what is refused, what can be read at all.
 #include <limits.h>
 
-#include "core/messagecenter/messagecenterclient.h"
 #include "tests/channel/channeltestutil.h"
 
 namespace {
@@ -211,29 +210,6 @@ TEST_F(CommandDispatch, FramesThatCannotBeAnswered) {
     EXPECT_EQ(reply.modulename(), "debug");
     EXPECT_EQ(reply.moduletype(), VXCDBMessage::DEBUG);
     EXPECT_EQ(reply.cmds_size(), 0);
-}
-
-std::vector<Message> g_dumpRequests;
-
-TEST(DebugDump, RequestGoesOutOnTheBus) {
-    // The bus client is decided once per process: a child of its own.
-    corvanetest::ExpectInChild([] {
-        corvanetest::TestSysroot sysroot;
-        sysroot.InstallLibrary("com.halvern.messagecenter.so");
-        MessageCenterClient::GetInstance()->Subscribe(
-            "DUMP_IMAGE_SENSOR_MODULE_DATA",
-            [](Message request, Message*) { g_dumpRequests.push_back(request); });
-        Controller controller;
-        controller.Run({{"dumpimagesensormoduledata", {}}}, "debug");
-        controller.Run({{"dumpimagesensormoduledata", {"sensor", "0"}}}, "debug");
-        ASSERT_EQ(g_dumpRequests.size(), 2u);
-        std::string command, param;
-        EXPECT_TRUE(GetStringData(g_dumpRequests[0], "command", &command));
-        EXPECT_EQ(command, "dumpimagesensormoduledata");
-        EXPECT_EQ(g_dumpRequests[0].data.count("param"), 0u);
-        EXPECT_TRUE(GetStringData(g_dumpRequests[1], "param", &param));
-        EXPECT_EQ(param, "sensor 0");
-    });
 }
 
 }  // namespace

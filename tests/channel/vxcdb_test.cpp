@@ -1,6 +1,7 @@
 // The vxcdb program against a real server: what it prints and how it exits.
 #include <rapidjson/document.h>
 
+#include "core/messagecenter/messagecenterclient.h"
 #include "tests/channel/channeltestutil.h"
 #include "utils/scopedfd.h"
 
@@ -147,19 +148,32 @@ TEST_F(VxcdbTool, JsonIsForScripts) {
     EXPECT_TRUE(json == expected) << run.out;
 }
 
-// Alone: the switches are decided once per process.
+std::vector<Message> g_dumpRequests;
+
+// Alone: the switches and the bus client are decided once per process. A switched-on controller
+// serves the default socket until destroyed; a dump request goes out on the bus, with its words.
 TEST(VxcdbToolAlone, SwitchedOnControllerServesTheDefaultSocketUntilDestroyed) {
     corvanetest::ExpectInChild([] {
         corvanetest::TestSysroot sysroot;
+        sysroot.InstallLibrary("com.halvern.messagecenter.so");
         sysroot.SetProperty("persist.vendor.camera.cloud.corvanesystem.modswitch", "1");
+        MessageCenterClient::GetInstance()->Subscribe(
+            "DUMP_IMAGE_SENSOR_MODULE_DATA",
+            [](Message request, Message*) { g_dumpRequests.push_back(request); });
         CorvaneSystem* system = CorvaneSystem::Create();
         const std::string path = sysroot / "data/vendor/camera/vxcdb_socket";
         EXPECT_TRUE(WaitConnectable(path));
-        ToolRun run = RunVxcdb({"corvane", "--signal", "0"});
-        CorvaneSystem::Destroy(system);
-        EXPECT_EQ(run.exitCode, 1);
-        EXPECT_NE(run.err.find("Signal value is out of valid range (1-64)"), std::string::npos);
+        EXPECT_EQ(RunVxcdb({"debug", "--dumpimagesensormoduledata"}).exitCode, 0);
+        EXPECT_EQ(RunVxcdb({"debug", "--dumpimagesensormoduledata", "sensor", "0"}).exitCode, 0);
+        CorvaneSystem::Destroy(system);  // its connection threads have ended
         EXPECT_FALSE(ClientSocket(path).connected());
+        ASSERT_EQ(g_dumpRequests.size(), 2u);
+        std::string command, param;
+        EXPECT_TRUE(GetStringData(g_dumpRequests[0], "command", &command));
+        EXPECT_EQ(command, "dumpimagesensormoduledata");
+        EXPECT_EQ(g_dumpRequests[0].data.count("param"), 0u);
+        EXPECT_TRUE(GetStringData(g_dumpRequests[1], "param", &param));
+        EXPECT_EQ(param, "sensor 0");
     });
 }
 
