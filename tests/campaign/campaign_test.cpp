@@ -84,7 +84,6 @@ TEST(CampaignFile, RefusesMistakesNamingFileStepAndKey) {
          "\"args\": must be a list of strings, holds a number"},
         {R"({"steps": [{"group": "g", "within_s": 0}]})",
          "\"within_s\": must be a number of seconds greater than 0 to 3600, got 0"},
-        {R"({"steps": [{"group": "g", "within_s": 3601}]})", "\"within_s\": must be a number"},
         {R"({"steps": [{"group": "g", "check": "true", "check_within_s": -1}]})",
          "\"check_within_s\": must be a number of seconds from 0 to 3600"},
         {R"({"steps": [{"group": "g", "check_within_s": 2}]})",

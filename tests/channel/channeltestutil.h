@@ -25,6 +25,7 @@
 #include "core/server/server.h"
 #include "tests/support/supervisedservice.h"
 #include "tests/support/testsupport.h"
+#include "utils/scopedfd.h"
 
 // Reaches into the controller to put a stand-in hook engine in place (declared a friend there).
 class CorvaneSystemImplTestPeer {
@@ -209,16 +210,14 @@ class ClientSocket {
   public:
     ClientSocket() : m_fd(socket(AF_UNIX, SOCK_STREAM, 0)) {
         timeval deadline = {10, 0};
-        setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof(deadline));
+        setsockopt(m_fd.get(), SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof(deadline));
     }
     // Connected at once.
     explicit ClientSocket(const std::string& path) : ClientSocket() { Connect(path); }
-    ~ClientSocket() { close(m_fd); }
-    ClientSocket(const ClientSocket&) = delete;
-    ClientSocket& operator=(const ClientSocket&) = delete;
     bool Connect(const std::string& path) {
         sockaddr_un address = AddressOf(path);
-        m_connected = connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+        m_connected =
+            connect(m_fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
         return m_connected;
     }
     bool connected() const { return m_connected; }
@@ -233,7 +232,7 @@ class ClientSocket {
         for (size_t to : cuts) {
             if (!SendBytes(bytes + from, to - from) || !corvanetest::WaitFor([&] {
                     int unread = -1;
-                    return ioctl(m_fd, SIOCOUTQ, &unread) == 0 && unread == 0;
+                    return ioctl(m_fd.get(), SIOCOUTQ, &unread) == 0 && unread == 0;
                 })) {
                 return false;
             }
@@ -243,22 +242,22 @@ class ClientSocket {
     }
     // Reads one whole frame; false at the end of the connection or at the deadline.
     bool Receive(VXCDBMessageString* frame) {
-        return recv(m_fd, frame, sizeof(*frame), MSG_WAITALL) ==
+        return recv(m_fd.get(), frame, sizeof(*frame), MSG_WAITALL) ==
                static_cast<ssize_t>(sizeof(*frame));
     }
     // What a look at the socket right now finds: 0 when the server has closed its end and
     // nothing is left to read, -1 when nothing is waiting.
     ssize_t Peek() {
         char byte;
-        return recv(m_fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+        return recv(m_fd.get(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
     }
 
   private:
     bool SendBytes(const void* bytes, size_t size) {
-        return send(m_fd, bytes, size, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
+        return send(m_fd.get(), bytes, size, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
     }
 
-    int m_fd;
+    ScopedFd m_fd;
     bool m_connected = false;
 };
 

@@ -27,9 +27,7 @@ TEST_F(CommandDispatch, EveryCommandAnswersAsUsersExpect) {
         Entries expected;
         std::string module = "corvane";
     } cases[] = {
-        {{{"help", {"anything"}}}, {{"type", {"string"}}, {"help", {kExpectedHelp}}}},
         {{{"help", {}}}, ErrorEntries("Missing command arguments")},
-        {{{"foo", {"x"}}}, ErrorEntries("Unknown command: foo")},
         // Another module: one error per command.
         {{{"help", {"x"}}, {"foo", {}}}, twoUnknown, "camera"},
         {{{"signal", {"0"}}}, outOfRange},
@@ -46,6 +44,7 @@ TEST_F(CommandDispatch, EveryCommandAnswersAsUsersExpect) {
         {{{"inject", {"firmware", "0", "1", "2"}}},
          ErrorEntries("Firmware command requires at least 4 parameters")},
         // Without a hook engine the tables are empty, injecting is refused, but clear answers.
+        // (Help, unknown commands and the dump, as the tool shows them: vxcdb_test.cpp.)
         {{{"inject", {"firmware", "0", "1", "2", "3"}}}, noEngine},
         {{{"inject", {"sensor_group"}}}, noEngine},
         {{{"inject", {"query"}}}, {}},
@@ -55,9 +54,6 @@ TEST_F(CommandDispatch, EveryCommandAnswersAsUsersExpect) {
         {{{"inject", {"status", "1", "2", "3"}}}, {}},
         {{{"inject", {"kernel", "anything"}}}, {}},
         {{{"inject", {"clear"}}}, TableEntries("result", {"<cleared>"})},
-        {{{"dumpimagesensormoduledata", {}}},
-         MessageEntries("image sensor module data dump requested"),
-         "debug"},
         {{{"dump", {}}}, ErrorEntries("Unknown command: dump"), "debug"},
     };
     corvanetest::LogCapture log;

@@ -12,7 +12,6 @@
 #include "core/client/clientimpl.h"
 #include "core/server/serverimpl.h"
 #include "tests/channel/channeltestutil.h"
-#include "utils/scopedfd.h"
 
 namespace {
 

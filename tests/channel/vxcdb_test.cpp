@@ -3,7 +3,6 @@
 
 #include "core/messagecenter/messagecenterclient.h"
 #include "tests/channel/channeltestutil.h"
-#include "utils/scopedfd.h"
 
 namespace {
 
