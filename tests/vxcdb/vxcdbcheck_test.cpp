@@ -64,24 +64,6 @@ class ConfigurationCheck : public ::testing::Test {
                                    m_sysroot / "vendor/lib64/libunresolved_fault.so");
     }
 
-    void ExpectProblems(const std::string& text, const std::vector<Expected>& expected) {
-        SCOPED_TRACE(text.substr(0, 300));
-        corvanetest::WriteTextFile(m_files / "checked.json", text);
-        vxcdb::CheckResult result =
-            vxcdb::CheckConfigurationFile(m_files / "checked.json", m_sysroot.path(), true);
-        ASSERT_EQ(result.problems.size(), expected.size());
-        for (size_t i = 0; i < expected.size(); ++i) {
-            const vxcdb::CheckProblem& problem = result.problems[i];
-            std::pair<size_t, size_t> place = PlaceOf(text, expected[i].at, expected[i].nth);
-            EXPECT_EQ(problem.line, place.first) << problem.message;
-            EXPECT_EQ(problem.column, place.second) << problem.message;
-            for (const std::string& fragment : expected[i].says) {
-                EXPECT_NE((problem.message + "\n").find(fragment), std::string::npos)
-                    << problem.message << "\nlacks: " << fragment;
-            }
-        }
-    }
-
     corvanetest::TestSysroot m_sysroot;
     corvanetest::TempDir m_files;
 };
@@ -175,8 +157,22 @@ TEST_F(ConfigurationCheck, FindsEachMistakeWhereItIs) {
           {"{\"protection_scheme\": \"OISI2C\"", {"without \"hook_group_list\""}},
           {"\"hook_groups\"", {"did you mean \"hook_group_list\"?"}}}},
     };
-    for (const auto& each : cases) {
-        ExpectProblems(each.text, each.expected);
+    for (const auto& [text, expected] : cases) {
+        SCOPED_TRACE(text.substr(0, 300));
+        corvanetest::WriteTextFile(m_files / "checked.json", text);
+        vxcdb::CheckResult result =
+            vxcdb::CheckConfigurationFile(m_files / "checked.json", m_sysroot.path(), true);
+        ASSERT_EQ(result.problems.size(), expected.size());
+        for (size_t i = 0; i < expected.size(); ++i) {
+            const vxcdb::CheckProblem& problem = result.problems[i];
+            std::pair<size_t, size_t> place = PlaceOf(text, expected[i].at, expected[i].nth);
+            EXPECT_EQ(problem.line, place.first) << problem.message;
+            EXPECT_EQ(problem.column, place.second) << problem.message;
+            for (const std::string& fragment : expected[i].says) {
+                EXPECT_NE((problem.message + "\n").find(fragment), std::string::npos)
+                    << problem.message << "\nlacks: " << fragment;
+            }
+        }
     }
 }
 
