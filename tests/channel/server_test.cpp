@@ -123,7 +123,7 @@ TEST_F(SocketServer, OneRequestOneReplyPerConnectionUntilDestroyed) {
     // fails on the unbound socket: the server ends without listening.
     m_path = m_dir / "missing/vxcdb_socket";
     m_server = StartServer(m_path, m_controller.get());
-    EXPECT_TRUE(corvanetest::WaitFor([&] { return m_log.Count("End") == 3; })) << m_log.Dump();
+    EXPECT_TRUE(corvanetest::WaitFor([&] { return m_log.Count("Run() End") == 3; })) << m_log.Dump();
     EXPECT_TRUE(m_log.Contains("Failed to listen on socket, error: "));
 }
 
