@@ -52,15 +52,21 @@ TEST(CampaignFile, ReadsStepsWithTheLoaderRulesAndTheirDefaults) {
     EXPECT_EQ(campaign.steps[2].name, "firmware 0 1 2 3");
 }
 
+// A file that is no campaign at all, and every mistake in one: refused with the file, the step and
+// the key named.
 TEST(CampaignFile, RefusesMistakesNamingFileStepAndKey) {
     const std::string bigArgument(5000, 'x');
     const struct {
         std::string text;
         std::string error;
+        std::string file = "c.json";  // what is read; the text is written to c.json
     } cases[] = {
+        {"", "missing.json: cannot be read", "missing.json"},
+        {"", ": cannot be read", "."},
+        {std::string(vxcdb::kMaxCampaignFileBytes + 1, ' '), "c.json: larger than 1048576 bytes"},
+        {std::string("{\"steps\": [{\"group\": \"g\"}]}\0", 29), "c.json: holds a NUL byte"},
         {"{\"steps\": [\n{\"group\": \"g\"}\n", "c.json: not valid JSON at line 3, column 1"},
         {"[{\"group\": \"g\"}]", "c.json: must hold an object with a \"steps\" list, not a list"},
-        {R"({"step": []})", "c.json: \"step\": unknown key (known: name, steps)"},
         {R"({"steps": []})", "c.json: \"steps\": is empty: nothing to run"},
         {R"({"steps": [{"group": "a"}, "b"]})", "c.json: step 2: must be an object, got a string"},
         {R"({"steps": [{"group": "g"}, {"group": "m", "whithin_s": 3}]})",
@@ -78,7 +84,6 @@ TEST(CampaignFile, RefusesMistakesNamingFileStepAndKey) {
          "\"args\": must be a list of strings, holds a number"},
         {R"({"steps": [{"group": "g", "within_s": 0}]})",
          "\"within_s\": must be a number of seconds greater than 0 to 3600, got 0"},
-        {R"({"steps": [{"group": "g", "within_s": 3601}]})", "\"within_s\": must be a number"},
         {R"({"steps": [{"group": "g", "check": "true", "check_within_s": -1}]})",
          "\"check_within_s\": must be a number of seconds from 0 to 3600"},
         {R"({"steps": [{"group": "g", "check_within_s": 2}]})",
@@ -94,31 +99,13 @@ TEST(CampaignFile, RefusesMistakesNamingFileStepAndKey) {
         {R"({"steps": [{"group": "g", "args": [")" + bigArgument + R"("]}]})",
          "\"args\": makes a request of "},
     };
-    for (const auto& each : cases) {
-        vxcdb::Campaign campaign;
-        std::string error;
-        EXPECT_FALSE(vxcdb::ParseCampaign(each.text, "c.json", &campaign, &error)) << each.text;
-        EXPECT_NE(error.find(each.error), std::string::npos) << each.text << "\n" << error;
-    }
-}
-
-TEST(CampaignFile, RefusesFilesThatAreNotCampaigns) {
     corvanetest::TempDir dir;
-    corvanetest::WriteTextFile(dir / "big.json",
-                               std::string(vxcdb::kMaxCampaignFileBytes + 1, ' '));
-    corvanetest::WriteTextFile(dir / "nul.json",
-                               std::string("{\"steps\": [{\"group\": \"g\"}]}\0", 29));
-    const std::pair<std::string, std::string> cases[] = {
-        {dir / "missing.json", "missing.json: cannot be read"},
-        {dir.path(), ": cannot be read"},
-        {dir / "big.json", "big.json: larger than 1048576 bytes"},
-        {dir / "nul.json", "nul.json: holds a NUL byte"},
-    };
-    for (const auto& [path, expected] : cases) {
+    for (const auto& each : cases) {
+        corvanetest::WriteTextFile(dir / "c.json", each.text);
         vxcdb::Campaign campaign;
         std::string error;
-        EXPECT_FALSE(vxcdb::LoadCampaignFile(path, &campaign, &error)) << path;
-        EXPECT_NE(error.find(expected), std::string::npos) << error;
+        EXPECT_FALSE(vxcdb::LoadCampaignFile(dir / each.file, &campaign, &error)) << each.text;
+        EXPECT_NE(error.find(each.error), std::string::npos) << each.text << "\n" << error;
     }
 }
 
@@ -129,7 +116,8 @@ bool Ended(pid_t pid) {
     return !std::getline(stat, line) || line.find(") Z ") != std::string::npos;
 }
 
-TEST(ShellCommand, ReportsStatusOutputAndTheStepsEnvironment) {
+// The status, the output and the step's environment; a deadline ends the whole process group.
+TEST(ShellCommand, ReportsStatusOutputAndEndsWithinItsDeadline) {
     vxcdb::ShellResult ok =
         vxcdb::RunShellCommand("echo \"$VXCDB_STEP\"; echo oops >&2; read x; exit 3",
                                {{"VXCDB_STEP", "eeprom_fault"}}, 20);
@@ -148,9 +136,7 @@ TEST(ShellCommand, ReportsStatusOutputAndTheStepsEnvironment) {
     EXPECT_TRUE(loud.Succeeded());
     EXPECT_EQ(loud.output.size(), vxcdb::kMaxCommandOutputBytes);
     EXPECT_EQ(loud.output.substr(loud.output.size() - 3), "END");
-}
 
-TEST(ShellCommand, ADeadlineEndsTheWholeProcessGroup) {
     // A child in the background keeps the output pipe open: the command still ends with the
     // shell, not when the pipe closes.
     vxcdb::ShellResult background = vxcdb::RunShellCommand("sleep 30 & echo $!", {}, 20);

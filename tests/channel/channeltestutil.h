@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <map>
 #include <memory>
-#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -26,6 +25,7 @@
 #include "core/server/server.h"
 #include "tests/support/supervisedservice.h"
 #include "tests/support/testsupport.h"
+#include "utils/scopedfd.h"
 
 // Reaches into the controller to put a stand-in hook engine in place (declared a friend there).
 class CorvaneSystemImplTestPeer {
@@ -115,14 +115,11 @@ class FakeHookOperation : public HookOperationImpl {
 using Command = std::pair<std::string, std::vector<std::string>>;
 using Entries = std::vector<Command>;
 
-inline VXCDBMessage Request(
-    const std::string& module, const Entries& commands,
-    std::optional<VXCDBMessage::CDBModuleType> type = VXCDBMessage::CORVANE) {
+inline VXCDBMessage Request(const std::string& module, const Entries& commands,
+                            VXCDBMessage::CDBModuleType type = VXCDBMessage::CORVANE) {
     VXCDBMessage message;
     message.set_modulename(module);
-    if (type) {
-        message.set_moduletype(*type);
-    }
+    message.set_moduletype(type);
     for (const auto& [option, arguments] : commands) {
         VXCDBMessage_CDBCmd* cmd = message.add_cmds();
         cmd->set_options(option);
@@ -202,22 +199,25 @@ inline ServerPtr StartServer(const std::string& path, CorvaneSystem* system) {
     return ServerPtr(Server::Create({10, system, path}), &Server::Destroy);
 }
 
+inline sockaddr_un AddressOf(const std::string& path) {
+    sockaddr_un address = {AF_UNIX, {}};
+    strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    return address;
+}
+
 // A client socket whose reads give up after ten seconds, closed when it goes away.
 class ClientSocket {
   public:
     ClientSocket() : m_fd(socket(AF_UNIX, SOCK_STREAM, 0)) {
         timeval deadline = {10, 0};
-        setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof(deadline));
+        setsockopt(m_fd.get(), SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof(deadline));
     }
     // Connected at once.
     explicit ClientSocket(const std::string& path) : ClientSocket() { Connect(path); }
-    ~ClientSocket() { close(m_fd); }
-    ClientSocket(const ClientSocket&) = delete;
-    ClientSocket& operator=(const ClientSocket&) = delete;
     bool Connect(const std::string& path) {
-        sockaddr_un address = {AF_UNIX, {}};
-        strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-        m_connected = connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+        sockaddr_un address = AddressOf(path);
+        m_connected =
+            connect(m_fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
         return m_connected;
     }
     bool connected() const { return m_connected; }
@@ -232,7 +232,7 @@ class ClientSocket {
         for (size_t to : cuts) {
             if (!SendBytes(bytes + from, to - from) || !corvanetest::WaitFor([&] {
                     int unread = -1;
-                    return ioctl(m_fd, SIOCOUTQ, &unread) == 0 && unread == 0;
+                    return ioctl(m_fd.get(), SIOCOUTQ, &unread) == 0 && unread == 0;
                 })) {
                 return false;
             }
@@ -242,22 +242,22 @@ class ClientSocket {
     }
     // Reads one whole frame; false at the end of the connection or at the deadline.
     bool Receive(VXCDBMessageString* frame) {
-        return recv(m_fd, frame, sizeof(*frame), MSG_WAITALL) ==
+        return recv(m_fd.get(), frame, sizeof(*frame), MSG_WAITALL) ==
                static_cast<ssize_t>(sizeof(*frame));
     }
     // What a look at the socket right now finds: 0 when the server has closed its end and
     // nothing is left to read, -1 when nothing is waiting.
     ssize_t Peek() {
         char byte;
-        return recv(m_fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+        return recv(m_fd.get(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
     }
 
   private:
     bool SendBytes(const void* bytes, size_t size) {
-        return send(m_fd, bytes, size, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
+        return send(m_fd.get(), bytes, size, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
     }
 
-    int m_fd;
+    ScopedFd m_fd;
     bool m_connected = false;
 };
 

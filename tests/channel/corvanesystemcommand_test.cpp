@@ -3,7 +3,6 @@
 // asked of it, and the fixed frame: what is framed, what is refused, what can be read at all.
 #include <limits.h>
 
-#include "core/messagecenter/messagecenterclient.h"
 #include "tests/channel/channeltestutil.h"
 
 namespace {
@@ -19,9 +18,8 @@ class CommandDispatch : public ::testing::Test {
 
 TEST_F(CommandDispatch, EveryCommandAnswersAsUsersExpect) {
     const Entries unknown = ErrorEntries("Unknown module");
-    Entries threeUnknown = unknown;
-    threeUnknown.insert(threeUnknown.end(), unknown.begin(), unknown.end());
-    threeUnknown.insert(threeUnknown.end(), unknown.begin(), unknown.end());
+    Entries twoUnknown = unknown;
+    twoUnknown.insert(twoUnknown.end(), unknown.begin(), unknown.end());
     const Entries outOfRange = ErrorEntries("Signal value is out of valid range (1-64)");
     const Entries noEngine = ErrorEntries("Hook operation not initialized");
     const struct {
@@ -29,28 +27,24 @@ TEST_F(CommandDispatch, EveryCommandAnswersAsUsersExpect) {
         Entries expected;
         std::string module = "corvane";
     } cases[] = {
-        {{{"help", {"anything"}}}, {{"type", {"string"}}, {"help", {kExpectedHelp}}}},
         {{{"help", {}}}, ErrorEntries("Missing command arguments")},
-        {{{"foo", {"x"}}}, ErrorEntries("Unknown command: foo")},
         // Another module: one error per command.
-        {{{"help", {"x"}}, {"inject", {"query"}}, {"foo", {}}}, threeUnknown, "camera"},
+        {{{"help", {"x"}}, {"foo", {}}}, twoUnknown, "camera"},
         {{{"signal", {"0"}}}, outOfRange},
         {{{"signal", {"65"}}}, outOfRange},
         {{{"signal", {"abc"}}}, ErrorEntries("Invalid signal parameter: not a number")},
         {{{"signal", {"99999999999"}}}, ErrorEntries("Signal parameter is out of integer range")},
         {{{"signal", {"1", "2"}}}, ErrorEntries("Signal command requires exactly one argument")},
-        // Signals other than 1 and 6 are only logged (raising 15 would end this test).
-        {{{"signal", {"15"}}}, {}},
+        // Signals other than 1 and 6 are only logged (raising 64 would end this test).
         {{{"signal", {"64"}}}, {}},
         {{{"inject", {"status"}}}, ErrorEntries("Missing status parameters")},
         {{{"inject", {"status", "1", "2x"}}}, ErrorEntries("Invalid numeric parameter: 2x")},
-        {{{"inject", {"status", "1", "99999999999"}}},
-         ErrorEntries("Invalid numeric parameter: 99999999999")},
         {{{"inject", {"status", "1", "2", "3", "4"}}},
          ErrorEntries("Invalid status parameters format")},
         {{{"inject", {"firmware", "0", "1", "2"}}},
          ErrorEntries("Firmware command requires at least 4 parameters")},
         // Without a hook engine the tables are empty, injecting is refused, but clear answers.
+        // (Help, unknown commands and the dump, as the tool shows them: vxcdb_test.cpp.)
         {{{"inject", {"firmware", "0", "1", "2", "3"}}}, noEngine},
         {{{"inject", {"sensor_group"}}}, noEngine},
         {{{"inject", {"query"}}}, {}},
@@ -60,9 +54,6 @@ TEST_F(CommandDispatch, EveryCommandAnswersAsUsersExpect) {
         {{{"inject", {"status", "1", "2", "3"}}}, {}},
         {{{"inject", {"kernel", "anything"}}}, {}},
         {{{"inject", {"clear"}}}, TableEntries("result", {"<cleared>"})},
-        {{{"dumpimagesensormoduledata", {}}},
-         MessageEntries("image sensor module data dump requested"),
-         "debug"},
         {{{"dump", {}}}, ErrorEntries("Unknown command: dump"), "debug"},
     };
     corvanetest::LogCapture log;
@@ -70,7 +61,7 @@ TEST_F(CommandDispatch, EveryCommandAnswersAsUsersExpect) {
         EXPECT_EQ(m_controller.Run(c.commands, c.module), c.expected)
             << c.module << " " << ::testing::PrintToString(c.commands);
     }
-    EXPECT_TRUE(log.Contains("error signal type: 15")) << log.Dump();
+    EXPECT_TRUE(log.Contains("error signal type: 64")) << log.Dump();
     // The controller's methods live in several source files; their lines all name the main one.
     int lines = 0;
     for (const corvanetest::LogLine& line : log.Lines()) {
@@ -147,7 +138,6 @@ TEST_F(CommandDispatch, EngineCommandsAnswerWithTheirTables) {
         {{"firmware", "0", "256", "0", "0"}, refused("camera module id", "256")},
         {{"firmware", "0", "0", "-1", "0"}, refused("subdevice id", "-1")},
         {{"firmware", "0", "0", "0", " 7"}, refused("interface id", " 7")},
-        {{"firmware", "0", "0", "0", "1.5"}, refused("interface id", "1.5")},
         {{"clear"}, TableEntries("result", {"<cleared>"})},
     };
     for (const auto& [arguments, expected] : rows) {
@@ -164,22 +154,43 @@ TEST_F(CommandDispatch, EngineCommandsAnswerWithTheirTables) {
     EXPECT_EQ(m_engine.unhookAllCalls, 1);
 }
 
-// What cannot be answered in a frame is told by the result code; a request that does not decode
-// (a payload length outside the payload field, bytes that are not a message) is answered with an
-// error of its own.
+// A message that serialises to exactly `size` bytes (field 4 with a two-byte length prefix).
+VXCDBMessage MessageOfSize(size_t size) {
+    VXCDBMessage message;
+    message.set_descriptions(std::string(size - 3, 'x'));
+    EXPECT_EQ(message.ByteSizeLong(), size);
+    return message;
+}
+
+// Replies of up to 4095 bytes are framed; 4096 bytes would still fit the payload field, yet it is
+// refused and the frame left as it was, while a request may fill the whole field. What cannot be
+// answered in a frame is told by the result code; a request that does not decode (a payload
+// length outside the payload field, bytes that are not a message) is answered with an error of
+// its own.
 TEST_F(CommandDispatch, FramesThatCannotBeAnswered) {
     corvanetest::LogCapture log;
+    VXCDBMessage largest = MessageOfSize(4095);
+    VXCDBMessageString response = {};
+    ASSERT_EQ(m_controller.get()->FormatSocketMsg(largest, &response), 0);
+    EXPECT_EQ(response.payloadLen, 4095);
+    EXPECT_EQ(std::string(response.payload, 4096), largest.SerializeAsString() + '\0');
+    VXCDBMessage full = MessageOfSize(4096);
+    memset(&response, 0x5A, sizeof(response));
+    const VXCDBMessageString before = response;
+    EXPECT_EQ(m_controller.get()->FormatSocketMsg(full, &response), 4);
+    EXPECT_EQ(memcmp(&before, &response, sizeof(response)), 0);
+    EXPECT_TRUE(log.Contains("payload size 4096 exceeds the max payload size 4096")) << log.Dump();
+    VXCDBMessage decoded;
+    EXPECT_TRUE(DecodeVXCDBMessage(Frame(full), &decoded));
+
     VXCDBMessageString request = Frame(Request("corvane", {{"help", {"x"}}}));
-    VXCDBMessageString response;
     EXPECT_EQ(m_controller.get()->ExecuteCommand(nullptr, &response), 5);
     EXPECT_EQ(m_controller.get()->ExecuteCommand(&request, nullptr), 5);
     EXPECT_TRUE(
         log.Contains("Failed to execute command, pRecvMsgString or pFeedbackMsgString is null"));
-
     // Six errors carry six copies of the help text: more than one frame holds. The reply frame
     // stays all zero, which the tool reads as an empty reply.
     request = Frame(Request("corvane", Entries(6, Command{"foo", {"x"}})));
-    memset(&response, 0x5A, sizeof(response));
     EXPECT_EQ(m_controller.get()->ExecuteCommand(&request, &response), 4);
     const char* bytes = reinterpret_cast<const char*>(&response);
     EXPECT_TRUE(std::all_of(bytes, bytes + sizeof(response), [](char c) { return c == 0; }));
@@ -195,59 +206,6 @@ TEST_F(CommandDispatch, FramesThatCannotBeAnswered) {
     EXPECT_EQ(reply.modulename(), "debug");
     EXPECT_EQ(reply.moduletype(), VXCDBMessage::DEBUG);
     EXPECT_EQ(reply.cmds_size(), 0);
-}
-
-std::vector<Message> g_dumpRequests;
-
-TEST(DebugDump, RequestGoesOutOnTheBus) {
-    // The bus client is decided once per process: a child of its own.
-    corvanetest::ExpectInChild([] {
-        corvanetest::TestSysroot sysroot;
-        sysroot.InstallLibrary("com.halvern.messagecenter.so");
-        MessageCenterClient::GetInstance()->Subscribe(
-            "DUMP_IMAGE_SENSOR_MODULE_DATA",
-            [](Message request, Message*) { g_dumpRequests.push_back(request); });
-        Controller controller;
-        controller.Run({{"dumpimagesensormoduledata", {}}}, "debug");
-        controller.Run({{"dumpimagesensormoduledata", {"sensor", "0"}}}, "debug");
-        ASSERT_EQ(g_dumpRequests.size(), 2u);
-        std::string command, param;
-        EXPECT_TRUE(GetStringData(g_dumpRequests[0], "command", &command));
-        EXPECT_EQ(command, "dumpimagesensormoduledata");
-        EXPECT_EQ(g_dumpRequests[0].data.count("param"), 0u);
-        EXPECT_TRUE(GetStringData(g_dumpRequests[1], "param", &param));
-        EXPECT_EQ(param, "sensor 0");
-    });
-}
-
-// A message that serialises to exactly `size` bytes (field 4 with a two-byte length prefix).
-VXCDBMessage MessageOfSize(size_t size) {
-    VXCDBMessage message;
-    message.set_descriptions(std::string(size - 3, 'x'));
-    EXPECT_EQ(message.ByteSizeLong(), size);
-    return message;
-}
-
-// Replies of up to 4095 bytes are framed; 4096 bytes would still fit the payload field, yet it is
-// refused and the frame left as it was. A request may fill the whole field.
-TEST(VXCDBFrame, RepliesUpTo4095BytesAndRequestsUpTo4096) {
-    corvanetest::TestSysroot sysroot;
-    corvanetest::LogCapture log;
-    CorvaneSystemImpl system;
-    VXCDBMessage largest = MessageOfSize(4095);
-    VXCDBMessageString frame = {};
-    ASSERT_EQ(system.FormatSocketMsg(largest, &frame), 0);
-    EXPECT_EQ(frame.payloadLen, 4095);
-    EXPECT_EQ(std::string(frame.payload, 4096), largest.SerializeAsString() + '\0');
-
-    VXCDBMessage full = MessageOfSize(4096);
-    memset(&frame, 0x5A, sizeof(frame));
-    VXCDBMessageString before = frame;
-    EXPECT_EQ(system.FormatSocketMsg(full, &frame), 4);
-    EXPECT_EQ(memcmp(&before, &frame, sizeof(frame)), 0);
-    EXPECT_TRUE(log.Contains("payload size 4096 exceeds the max payload size 4096")) << log.Dump();
-    VXCDBMessage decoded;
-    EXPECT_TRUE(DecodeVXCDBMessage(Frame(full), &decoded));
 }
 
 }  // namespace

@@ -12,7 +12,6 @@
 #include "core/client/clientimpl.h"
 #include "core/server/serverimpl.h"
 #include "tests/channel/channeltestutil.h"
-#include "utils/scopedfd.h"
 
 namespace {
 
@@ -54,18 +53,16 @@ bool SameFrame(const VXCDBMessageString& a, const VXCDBMessageString& b) {
     return memcmp(&a, &b, sizeof(a)) == 0;
 }
 
-Entries Decoded(const VXCDBMessageString& frame) {
-    VXCDBMessage reply;
-    EXPECT_TRUE(DecodeVXCDBMessage(frame, &reply));
-    return EntriesOf(reply);
-}
-
 double SecondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 // A stale socket file is replaced by a socket only the service's user and group may connect to,
-// whatever the umask. Destroying the server ends the connections still open and stops listening.
+// whatever the umask. However the peer cuts a frame, it is answered as if it had arrived whole;
+// one that stays short is taken as it is once the peer pauses: its missing bytes read as zero, so
+// a payload length of 0 makes an empty message, which is echoed. The debug module answers with
+// its reply, then its own request frame; other module types are echoed unchanged. Destroying the
+// server ends the connections still open and stops listening.
 TEST_F(SocketServer, OneRequestOneReplyPerConnectionUntilDestroyed) {
     std::ofstream(m_path) << "left over";
     mode_t old = umask(0);
@@ -76,81 +73,11 @@ TEST_F(SocketServer, OneRequestOneReplyPerConnectionUntilDestroyed) {
     EXPECT_TRUE(S_ISSOCK(info.st_mode));
     EXPECT_EQ(info.st_mode & 07777, 0660u);
 
-    std::vector<VXCDBMessageString> frames = Exchange(kHelp);
-    ASSERT_EQ(frames.size(), 1u);
-    EXPECT_EQ(Decoded(frames[0]), (Entries{{"type", {"string"}}, {"help", {kExpectedHelp}}}));
-
-    ClientSocket idle(m_path);
-    ASSERT_TRUE(idle.connected());
-    m_server.reset();  // returns only once the connection thread has ended
-    EXPECT_EQ(idle.Peek(), 0) << "closed";
-    EXPECT_FALSE(ClientSocket(m_path).connected()) << "no longer listening";
-}
-
-// The debug module answers with its reply, then its own request frame. What the server does not
-// execute comes back unchanged: other module types, and every request when there is no
-// controller.
-TEST_F(SocketServer, RequestsItCannotExecuteAreEchoed) {
-    const struct {
-        bool withController;
-        VXCDBMessageString request;
-        size_t frames;
-    } cases[] = {
-        {true, Frame(Request("camera", {{"help", {"x"}}}, std::nullopt), 3), 1},
-        {true, Frame(Request("camera", {{"help", {"x"}}}, VXCDBMessage::MAX), 3), 1},
-        {false, kHelp, 1},
-        {true, Frame(Request("debug", {{"dumpimagesensormoduledata", {}}}, VXCDBMessage::DEBUG)),
-         2},
-    };
-    for (const auto& c : cases) {
-        Serve(c.withController ? m_controller.get() : nullptr);
-        std::vector<VXCDBMessageString> frames = Exchange(c.request);
-        ASSERT_EQ(frames.size(), c.frames);
-        EXPECT_TRUE(SameFrame(frames.back(), c.request));
-        m_server.reset();
-    }
-}
-
-// A frame that does not parse gets no reply and the connection waits for another; a peer that
-// closes without sending ends its connection.
-TEST_F(SocketServer, UnreadableFrameGetsNoReplyAndTheConnectionWaitsForAnother) {
-    Serve(m_controller.get());
-    ClientSocket client(m_path);
-    VXCDBMessageString bad = kHelp;
-    bad.payloadLen = 5000;
-    ASSERT_TRUE(client.Send(bad));
-    ASSERT_TRUE(corvanetest::WaitFor([&] {
-        return m_log.Contains("ERROR, can't process the protobuf!");
-    })) << m_log.Dump();
-    EXPECT_EQ(client.Peek(), -1) << "nothing to read";
-
-    ASSERT_TRUE(client.Send(Frame(Request("corvane", {{"inject", {"clear"}}}))));
-    VXCDBMessageString frame;
-    ASSERT_TRUE(client.Receive(&frame));
-    EXPECT_EQ(Decoded(frame), TableEntries("result", {"<cleared>"}));
-
-    ASSERT_TRUE(ClientSocket(m_path).connected());
-    EXPECT_TRUE(corvanetest::WaitFor([&] {
-        return m_log.Contains("Failed to receive message from client: ");
-    })) << m_log.Dump();
-}
-
-TEST_F(SocketServer, UnusablePathEndsTheServerWithoutListening) {
-    // bind fails (no such directory); the kept bind check lets it through to listen, which
-    // fails on the unbound socket.
-    m_path = m_dir / "missing/vxcdb_socket";
-    m_server = StartServer(m_path, m_controller.get());
-    EXPECT_TRUE(corvanetest::WaitFor([&] { return m_log.Contains("End"); })) << m_log.Dump();
-    EXPECT_TRUE(m_log.Contains("Failed to listen on socket, error: "));
-}
-
-// However the peer cuts it, a frame is answered as if it had arrived whole. One that stays short
-// is taken as it is once the peer pauses: its missing bytes read as zero, so a payload length of
-// 0 makes an empty message, which is echoed.
-TEST_F(SocketServer, FrameInPiecesIsAnsweredAsIfWhole) {
-    Serve(m_controller.get());
     const std::vector<VXCDBMessageString> whole = Exchange(kHelp);
     ASSERT_EQ(whole.size(), 1u);
+    VXCDBMessage reply;
+    ASSERT_TRUE(DecodeVXCDBMessage(whole[0], &reply));
+    EXPECT_EQ(EntriesOf(reply), (Entries{{"type", {"string"}}, {"help", {kExpectedHelp}}}));
     const std::vector<size_t> cuts[] = {{2052}, {2, 4100}, {4, 40}, {1000, 4103}};
     for (const std::vector<size_t>& at : cuts) {
         std::vector<VXCDBMessageString> frames = Exchange(kHelp, at);
@@ -158,18 +85,52 @@ TEST_F(SocketServer, FrameInPiecesIsAnsweredAsIfWhole) {
         EXPECT_TRUE(SameFrame(frames[0], whole[0])) << "cut at " << at[0];
     }
     EXPECT_EQ(m_log.Count("ERROR, can't process the protobuf!"), 0);
-
     constexpr size_t kSent = 10;
     VXCDBMessageString truncated = {};
     memcpy(&truncated, &kHelp, kSent);
     std::vector<VXCDBMessageString> frames = Exchange(kHelp, {}, kSent);
     ASSERT_EQ(frames.size(), 1u);
     EXPECT_TRUE(SameFrame(frames[0], truncated));
+
+    const VXCDBMessageString other =
+        Frame(Request("camera", {{"help", {"x"}}}, VXCDBMessage::MAX), 3);
+    frames = Exchange(other);
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_TRUE(SameFrame(frames[0], other));
+    const VXCDBMessageString debug =
+        Frame(Request("debug", {{"dumpimagesensormoduledata", {}}}, VXCDBMessage::DEBUG));
+    frames = Exchange(debug);
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_TRUE(SameFrame(frames[1], debug));
+
+    // The probe that waited for the socket closed without sending: its connection ended.
+    EXPECT_TRUE(corvanetest::WaitFor([&] {
+        return m_log.Contains("Failed to receive message from client: ");
+    })) << m_log.Dump();
+    ClientSocket idle(m_path);
+    ASSERT_TRUE(idle.connected());
+    m_server.reset();  // returns only once the connection thread has ended
+    EXPECT_EQ(idle.Peek(), 0) << "closed";
+    EXPECT_FALSE(ClientSocket(m_path).connected()) << "no longer listening";
+
+    // Without a controller every request is echoed.
+    Serve(nullptr);
+    frames = Exchange(kHelp);
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_TRUE(SameFrame(frames[0], kHelp));
+    m_server.reset();
+    // Where bind fails (no such directory), the kept bind check lets it through to listen, which
+    // fails on the unbound socket: the server ends without listening.
+    m_path = m_dir / "missing/vxcdb_socket";
+    m_server = StartServer(m_path, m_controller.get());
+    EXPECT_TRUE(corvanetest::WaitFor([&] { return m_log.Count("Run() End") == 3; })) << m_log.Dump();
+    EXPECT_TRUE(m_log.Contains("Failed to listen on socket, error: "));
 }
 
 // Idle peers hold at most the cap's worth of threads, and only until the deadline, whether they
-// send nothing or only frames that never parse; the peers never close, yet the server gives back
-// every thread and descriptor and answers the next request.
+// send nothing or only frames that never parse (a frame that does not parse gets no reply, and
+// the connection waits for another); the peers never close, yet the server gives back every
+// thread and descriptor and answers the next request. (Many concurrent requests: tests/load.)
 TEST_F(SocketServer, IdlePeersHoldNoMoreThanTheCapAndOnlyUntilTheDeadline) {
     constexpr int kIdle = 1000;
     constexpr int kCap = static_cast<int>(ServerImpl::kMaxConnections);
@@ -181,15 +142,24 @@ TEST_F(SocketServer, IdlePeersHoldNoMoreThanTheCapAndOnlyUntilTheDeadline) {
     const std::pair<int, int> alone = ThreadsAndDescriptors();
     Serve(m_controller.get());
 
-    const auto start = std::chrono::steady_clock::now();
+    VXCDBMessageString unreadable = kHelp;
+    unreadable.payloadLen = 5000;
     std::vector<std::unique_ptr<ClientSocket>> idle;
-    for (int i = 0; i < kIdle; ++i) {
+    idle.push_back(std::make_unique<ClientSocket>(m_path));
+    ASSERT_TRUE(idle[0]->Send(unreadable));
+    ASSERT_TRUE(corvanetest::WaitFor([&] {
+        return m_log.Contains("ERROR, can't process the protobuf!");
+    })) << m_log.Dump();
+    EXPECT_EQ(idle[0]->Peek(), -1) << "nothing to read";
+    VXCDBMessageString reply;
+    ASSERT_TRUE(idle[0]->Send(kHelp) && idle[0]->Receive(&reply));
+
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 1; i < kIdle; ++i) {
         idle.push_back(std::make_unique<ClientSocket>(m_path));
         ASSERT_TRUE(idle.back()->connected()) << i;
     }
-    VXCDBMessageString unreadable = kHelp;
-    unreadable.payloadLen = 5000;
-    ASSERT_TRUE(idle[0]->Send(unreadable));
+    ASSERT_TRUE(idle[1]->Send(unreadable));
     auto closed = [&] {
         return std::count_if(idle.begin(), idle.end(),
                              [](const auto& peer) { return peer->Peek() == 0; });
@@ -197,7 +167,7 @@ TEST_F(SocketServer, IdlePeersHoldNoMoreThanTheCapAndOnlyUntilTheDeadline) {
     // Those over the cap are closed at once, without a thread.
     ASSERT_TRUE(corvanetest::WaitFor([&] { return closed() >= kIdle - kCap; }));
     EXPECT_LE(ThreadsAndDescriptors().first, alone.first + 1 + kCap);
-    EXPECT_LE(m_log.Count("Setup connect to client"), kCap + 1) << "and the first connection";
+    EXPECT_LE(m_log.Count("Setup connect to client"), kCap + 2) << "the probe and idle[0]";
     const int refusalLines = m_log.Count("Too many client connections");
     EXPECT_GE(refusalLines, 1);
     EXPECT_LE(refusalLines, 1 + static_cast<int>(SecondsSince(start))) << "one line a second";
@@ -210,14 +180,17 @@ TEST_F(SocketServer, IdlePeersHoldNoMoreThanTheCapAndOnlyUntilTheDeadline) {
         << ::testing::PrintToString(atRest);
     EXPECT_EQ(closed(), kIdle);
     EXPECT_TRUE(m_log.Contains("No request from client")) << m_log.Dump().substr(0, 4000);
+
     EXPECT_EQ(Exchange(kHelp).size(), 1u);
 }
 
-// Out of address space for another thread's stack, a connection is closed with one line and
-// the server goes on; once the space is back, requests are answered again.
-TEST_F(SocketServer, ThreadThatCannotStartCostsOnlyItsConnection) {
+// Out of address space for another thread's stack, a connection is closed with one line; out of
+// descriptors, accept fails again and again: the server backs off and folds the failures into one
+// line a second. Either way it goes on, and answers again once the resource is back.
+TEST_F(SocketServer, ThreadThatCannotStartOrAcceptThatFailsCostsOnlyThatConnection) {
     if (corvanetest::kUnderSanitizer) {
-        GTEST_SKIP() << "a sanitizer's runtime cannot run under a tight address-space limit";
+        GTEST_SKIP() << "a sanitizer's runtime cannot run under a tight address-space limit, and "
+                        "needs descriptors of its own (pipes to probe memory, the symbolizer's)";
     }
     corvanetest::ExpectInChild([&] {
         Serve(m_controller.get());
@@ -231,37 +204,24 @@ TEST_F(SocketServer, ThreadThatCannotStartCostsOnlyItsConnection) {
         low.rlim_cur = static_cast<rlim_t>(pages * sysconf(_SC_PAGESIZE) + (1 << 20));
         ASSERT_EQ(setrlimit(RLIMIT_AS, &low), 0);
         // A freed stack may be reused once; a new one cannot be mapped.
-        const std::string failed = "Failed to start the client thread";
+        const std::string noThread = "Failed to start the client thread";
         std::vector<std::unique_ptr<ClientSocket>> peers;
         auto outcomes = [&] {
-            return m_log.Count(failed) + m_log.Count("The client thread is ready to start");
+            return m_log.Count(noThread) + m_log.Count("The client thread is ready to start");
         };
         const int before = outcomes();
-        while (!m_log.Contains(failed) && peers.size() < 8) {
+        while (!m_log.Contains(noThread) && peers.size() < 8) {
             peers.push_back(std::make_unique<ClientSocket>(m_path));
             ASSERT_TRUE(corvanetest::WaitFor(
                 [&] { return outcomes() == before + static_cast<int>(peers.size()); }));
         }
-        ASSERT_TRUE(m_log.Contains(failed));
+        ASSERT_TRUE(m_log.Contains(noThread));
         EXPECT_TRUE(corvanetest::WaitFor([&] { return peers.back()->Peek() == 0; }));
         ASSERT_EQ(setrlimit(RLIMIT_AS, &saved), 0);
         EXPECT_EQ(Exchange(kHelp).size(), 1u);
-        EXPECT_EQ(m_log.Count(failed), 1);
-        m_server.reset();  // the child leaves without the fixture's tear-down
-    });
-}
+        EXPECT_EQ(m_log.Count(noThread), 1);
 
-// Out of descriptors, accept fails again and again: the server backs off, folds the failures
-// into one line a second, and accepts the waiting peer once descriptors are back.
-TEST_F(SocketServer, AcceptFailuresAreFoldedAndTheServerRecovers) {
-    if (corvanetest::kUnderSanitizer) {
-        GTEST_SKIP() << "a sanitizer's runtime needs descriptors of its own (pipes to probe "
-                        "memory, the symbolizer's), which this test takes away";
-    }
-    corvanetest::ExpectInChild([&] {
-        Serve(m_controller.get());
         ClientSocket waiting;  // its descriptor is taken while there are some
-        rlimit saved = {};
         ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
         // The limit sits below every descriptor the process holds, the standard three kept open:
         // no descriptor that another thread closes later can be handed out again, so every
@@ -278,23 +238,21 @@ TEST_F(SocketServer, AcceptFailuresAreFoldedAndTheServerRecovers) {
         const auto start = std::chrono::steady_clock::now();
         ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
         ASSERT_TRUE(waiting.Connect(m_path));
-        const std::string failed = "Failed to accept client connection";
-        ASSERT_TRUE(corvanetest::WaitFor([&] { return m_log.Count(failed) >= 2; }));
+        const std::string noAccept = "Failed to accept client connection";
+        ASSERT_TRUE(corvanetest::WaitFor([&] { return m_log.Count(noAccept) >= 2; }));
         ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
-        EXPECT_LE(m_log.Count(failed), 1 + static_cast<int>(SecondsSince(start)));
+        EXPECT_LE(m_log.Count(noAccept), 1 + static_cast<int>(SecondsSince(start)));
         // The second line stands for every failure since the first.
         std::vector<std::string> lines;
         for (const corvanetest::LogLine& line : m_log.Lines()) {
-            if (line.message.find(failed) != std::string::npos) {
+            if (line.message.find(noAccept) != std::string::npos) {
                 lines.push_back(line.message);
             }
         }
         EXPECT_TRUE(lines[1].find("Too many open files") != std::string::npos) << lines[1];
         EXPECT_GT(std::stoi(lines[1].substr(lines[1].rfind(' '))), 1) << lines[1];
-
-        ASSERT_TRUE(waiting.Send(kHelp));
         VXCDBMessageString frame;
-        EXPECT_TRUE(waiting.Receive(&frame));
+        EXPECT_TRUE(waiting.Send(kHelp) && waiting.Receive(&frame));
         m_server.reset();  // the child leaves without the fixture's tear-down
     });
 }

@@ -1,6 +1,7 @@
 // The vxcdb program against a real server: what it prints and how it exits.
 #include <rapidjson/document.h>
 
+#include "core/messagecenter/messagecenterclient.h"
 #include "tests/channel/channeltestutil.h"
 
 namespace {
@@ -40,7 +41,16 @@ class VxcdbTool : public ::testing::Test {
 };
 
 // What a user sees: the exit code, the standard output and the standard error (or a part of it).
+// Each failure has its exit code.
 TEST_F(VxcdbTool, PrintsAnswersAndErrorsWhereUsersLookForThem) {
+    // A server that never answers, as it does for a request it cannot read: its connection is
+    // accepted by the kernel and left unread.
+    corvanetest::TempDir dir;
+    const std::string silent = dir / "silent";
+    ScopedFd listener(socket(AF_UNIX, SOCK_STREAM, 0));
+    sockaddr_un address = AddressOf(silent);
+    ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(listen(listener.get(), 4), 0);
     using Injection = std::pair<std::string, std::vector<std::string>>;
     const struct {
         std::vector<std::vector<std::string>> relations;  // group, case, hook
@@ -50,13 +60,6 @@ TEST_F(VxcdbTool, PrintsAnswersAndErrorsWhereUsersLookForThem) {
         std::vector<Injection> injected = {};
     } cases[] = {
         {{}, {"corvane", "--help"}, 0, kExpectedHelp, ""},
-        {{},
-         {"corvane", "--inject", "query"},
-         0,
-         "group name  hook case  hook name\n"
-         "----------  ---------  ---------\n"
-         "(no rows)\n",
-         ""},
         // Columns as wide as their widest cell, headers centred.
         {{{"sensor", "probe_fail", "i2c_read"}, {"eeprom_group", "crc", "eeprom_read_long_name"}},
          {"corvane", "--inject", "query"},
@@ -68,8 +71,11 @@ TEST_F(VxcdbTool, PrintsAnswersAndErrorsWhereUsersLookForThem) {
          ""},
         // Several options are one request, answered in order; quoted words stay one argument.
         {{},
-         {"corvane", "--inject", "g", "arg one", "--inject", "clear"},
+         {"corvane", "--inject", "query", "--inject", "g", "arg one", "--inject", "clear"},
          0,
+         "group name  hook case  hook name\n"
+         "----------  ---------  ---------\n"
+         "(no rows)\n"
          "Hook group executed successfully\n"
          "group name         result             executed\n"
          "----------  ---------------------  --------------\n"
@@ -79,13 +85,14 @@ TEST_F(VxcdbTool, PrintsAnswersAndErrorsWhereUsersLookForThem) {
          "<cleared>\n",
          "",
          {{"g", {"arg one"}}}},
-        // Errors go to the error stream, the help text once after them.
+        // Errors go to the error stream, the help text once after them. Words after a lone "--"
+        // are arguments even when they look like options.
         {{},
-         {"corvane", "--foo", "x", "--signal", "0", "--inject", "clear"},
+         {"corvane", "--foo", "x", "--inject", "clear", "--signal", "--", "--5"},
          1,
          " result\n---------\n<cleared>\n",
          "error: Unknown command: foo\n"
-         "error: Signal value is out of valid range (1-64)\n\n" +
+         "error: Invalid signal parameter: not a number\n\n" +
              kExpectedHelp},
         // A mistyped module is answered by the service itself.
         {{}, {"camera", "--help"}, 1, "", "error: Unknown module\n\n" + kExpectedHelp},
@@ -95,6 +102,16 @@ TEST_F(VxcdbTool, PrintsAnswersAndErrorsWhereUsersLookForThem) {
          0,
          "image sensor module data dump requested\n",
          ""},
+        // Mistakes in the command line are the tool's to tell, with exit code 2.
+        {{}, {"corvane"}, 2, "", "Try 'vxcdb --help'"},
+        {{}, {"corvane", "inject", "query"}, 2, "", "Try 'vxcdb --help'"},
+        {{}, {"--timeout", "0", "corvane", "--help"}, 2, "", "Try 'vxcdb --help'"},
+        {{}, {"--socket"}, 2, "", "Try 'vxcdb --help'"},
+        {{}, {"--verbose", "corvane", "--help"}, 2, "", "Try 'vxcdb --help'"},
+        // Six errors, each with the help text: an answer too large for one frame comes empty.
+        {{}, {"corvane", "--a", "--b", "--c", "--d", "--e", "--f"}, 5, "", "empty reply"},
+        {{}, {"--socket", dir / "nothing", "corvane", "--help"}, 3, "", "cannot connect"},
+        {{}, {"--timeout", "0.2", "--socket", silent, "corvane", "--help"}, 4, "", "no reply"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::PrintToString(c.arguments));
@@ -110,6 +127,9 @@ TEST_F(VxcdbTool, PrintsAnswersAndErrorsWhereUsersLookForThem) {
         EXPECT_EQ(run.err.empty(), c.err.empty()) << run.err;
         EXPECT_EQ(engine.injected, c.injected);
     }
+    ToolRun run = RunVxcdb({"--help"});
+    EXPECT_EQ(run.exitCode, 0);
+    EXPECT_EQ(run.out.rfind("Usage: vxcdb", 0), 0u) << run.out;
 }
 
 TEST_F(VxcdbTool, JsonIsForScripts) {
@@ -127,62 +147,32 @@ TEST_F(VxcdbTool, JsonIsForScripts) {
     EXPECT_TRUE(json == expected) << run.out;
 }
 
-TEST_F(VxcdbTool, FailuresHaveTheirOwnExitCodes) {
-    // An answer too large for one frame comes as an empty reply.
-    for (int i = 0; i < 200; ++i) {
-        m_engine.relations.push_back(
-            {0, "group_" + std::to_string(i), 1, "case", "hook", "", false});
-    }
-    ToolRun run = RunServed(m_engine, {"corvane", "--inject", "query"});
-    EXPECT_EQ(run.exitCode, 5);
-    EXPECT_NE(run.err.find("empty reply"), std::string::npos) << run.err;
+std::vector<Message> g_dumpRequests;
 
-    corvanetest::TempDir dir;
-    run = RunVxcdb({"--socket", dir / "nothing", "corvane", "--help"});
-    EXPECT_EQ(run.exitCode, 3);
-    EXPECT_NE(run.err.find("cannot connect"), std::string::npos) << run.err;
-
-    // A server that never answers, as it does for a request it cannot read: its connection
-    // is accepted by the kernel and left unread.
-    std::string path = dir / "silent";
-    sockaddr_un address = {AF_UNIX, {}};
-    strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    int listener = socket(AF_UNIX, SOCK_STREAM, 0);
-    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    ASSERT_EQ(listen(listener, 4), 0);
-    run = RunVxcdb({"--timeout", "0.2", "--socket", path, "corvane", "--help"});
-    EXPECT_EQ(run.exitCode, 4);
-    EXPECT_NE(run.err.find("no reply"), std::string::npos) << run.err;
-    close(listener);
-
-    const std::vector<std::vector<std::string>> mistakes = {
-        {"corvane"},  {"corvane", "inject", "query"},     {"--timeout", "0", "corvane", "--help"},
-        {"--socket"}, {"--verbose", "corvane", "--help"},
-    };
-    for (const auto& arguments : mistakes) {
-        run = RunVxcdb(arguments);
-        EXPECT_EQ(run.exitCode, 2) << ::testing::PrintToString(arguments);
-        EXPECT_NE(run.err.find("Try 'vxcdb --help'"), std::string::npos) << run.err;
-    }
-    run = RunVxcdb({"--help"});
-    EXPECT_EQ(run.exitCode, 0);
-    EXPECT_EQ(run.out.rfind("Usage: vxcdb", 0), 0u) << run.out;
-}
-
-// Alone: the switches are decided once per process.
+// Alone: the switches and the bus client are decided once per process. A switched-on controller
+// serves the default socket until destroyed; a dump request goes out on the bus, with its words.
 TEST(VxcdbToolAlone, SwitchedOnControllerServesTheDefaultSocketUntilDestroyed) {
     corvanetest::ExpectInChild([] {
         corvanetest::TestSysroot sysroot;
+        sysroot.InstallLibrary("com.halvern.messagecenter.so");
         sysroot.SetProperty("persist.vendor.camera.cloud.corvanesystem.modswitch", "1");
+        MessageCenterClient::GetInstance()->Subscribe(
+            "DUMP_IMAGE_SENSOR_MODULE_DATA",
+            [](Message request, Message*) { g_dumpRequests.push_back(request); });
         CorvaneSystem* system = CorvaneSystem::Create();
         const std::string path = sysroot / "data/vendor/camera/vxcdb_socket";
         EXPECT_TRUE(WaitConnectable(path));
-        // Words after a lone "--" are arguments even when they look like options.
-        ToolRun run = RunVxcdb({"corvane", "--signal", "--", "--5"});
-        CorvaneSystem::Destroy(system);
-        EXPECT_EQ(run.exitCode, 1);
-        EXPECT_NE(run.err.find("Invalid signal parameter: not a number"), std::string::npos);
+        EXPECT_EQ(RunVxcdb({"debug", "--dumpimagesensormoduledata"}).exitCode, 0);
+        EXPECT_EQ(RunVxcdb({"debug", "--dumpimagesensormoduledata", "sensor", "0"}).exitCode, 0);
+        CorvaneSystem::Destroy(system);  // its connection threads have ended
         EXPECT_FALSE(ClientSocket(path).connected());
+        ASSERT_EQ(g_dumpRequests.size(), 2u);
+        std::string command, param;
+        EXPECT_TRUE(GetStringData(g_dumpRequests[0], "command", &command));
+        EXPECT_EQ(command, "dumpimagesensormoduledata");
+        EXPECT_EQ(g_dumpRequests[0].data.count("param"), 0u);
+        EXPECT_TRUE(GetStringData(g_dumpRequests[1], "param", &param));
+        EXPECT_EQ(param, "sensor 0");
     });
 }
 

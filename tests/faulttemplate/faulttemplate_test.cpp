@@ -14,16 +14,9 @@ namespace {
 
 using namespace corvanetest;
 
-using ReadFunction = int (*)(uint16_t, uint16_t, uint16_t*);
-using MoveFunction = int (*)(int32_t);
-using PositionFunction = int32_t (*)();
-
-// The sample libraries, hookswitch and inithookswitch on.
-constexpr const char* kHookModules = "0xC";
-
 TEST(FaultTemplateTest, TemplatesFailWhatTheirGroupSaysAndLetTheRestThrough) {
     TestSysroot sysroot;
-    InstallSamples(sysroot, kHookModules);
+    InstallSamples(sysroot, "0xC");  // the sample libraries, hookswitch and inithookswitch on
     sysroot.InstallLibrary("libcorvane_fault_template_c.so");
     sysroot.InstallLibrary("libcorvane_fault_template_cpp.so");
     std::filesystem::copy_file(SourceDir() + "/host/faulttemplate/fault_template_hook_case.json",
@@ -37,10 +30,10 @@ TEST(FaultTemplateTest, TemplatesFailWhatTheirGroupSaysAndLetTheRestThrough) {
         ScopedChdir chdir(sysroot.path());
         CorvaneSystemGetInstance();
         HookOperation* engine = HookOperation::GetInstance();
-        auto read = SampleSensor<ReadFunction>("CameraSensorI2CRead");
-        auto move = SampleSensor<MoveFunction>("CameraActuatorMove");
-        auto position = SampleSensor<PositionFunction>("CameraActuatorPosition");
-        ASSERT_NE(position, nullptr);
+        auto read = SampleSensor<int (*)(uint16_t, uint16_t, uint16_t*)>("CameraSensorI2CRead");
+        auto move = SampleSensor<int (*)(int32_t)>("CameraActuatorMove");
+        auto position = SampleSensor<int32_t (*)()>("CameraActuatorPosition");
+        ASSERT_TRUE(read && move && position);
         ASSERT_EQ(engine->DoHookGroup("template_read_fault", {"0x0042"}), 0);
         ASSERT_EQ(engine->DoHookGroup("template_overshoot_fault", {"50"}), 0);
         EXPECT_FALSE(engine->IsHookGroupExecuted("template_read_fault"));

@@ -10,8 +10,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <mutex>
 #include <thread>
+#include <utility>
 
 #include "tests/support/supervisedservice.h"
 
@@ -42,11 +42,9 @@ const std::vector<Request> kMix = {
     {{"corvane", "--help"}, 0, "vxcdb corvane --inject query"},
     {{"corvane", "--inject", "sensor_i2c_fault"}, 0, "Hook group executed successfully"},
     {{"corvane", "--inject", "query"}, 0, "sensor_i2c_fault  i2c_write_eio"},
-    {{"corvane", "--inject", "result", "sensor_i2c_fault"}, 0, "group name"},
     {{"corvane", "--inject", "motion_fault", "fast"}, 0, "Hook group executed successfully"},
     {{"corvane", "--inject", "firmware", "0", "0", "3", "3", "load"}, 0, "executed successfully"},
     {{"corvane", "--inject", "status", "0", "3", "3"}, 0, "eeprom_read_corrupt"},
-    {{"corvane", "--inject", "status", "eeprom_fault"}, 0, "eeprom_fault"},
     {{"corvane", "--inject", "clear"}, 0, "<cleared>"},
     {{"corvane", "--inject", "result"}, 0, "hook name"},
     {{"corvane", "--inject", "no_such_group"}, 1, "Hook group not ready: no_such_group"},
@@ -55,29 +53,22 @@ const std::vector<Request> kMix = {
     {{"debug", "--dumpimagesensormoduledata", "x"}, 0, "image sensor module data dump requested"},
 };
 
-struct Tally {
-    std::atomic<long> sent{0};
-    std::mutex mutex;
-    long failed = 0;  // no usable reply, or not the one the request should have
-    std::string firstFailure;
-};
-
-// Runs kClients clients until `until`.
-void RunClients(const corvanetest::SupervisedService& service, Clock::time_point until,
-                Tally& tally) {
+// Runs kClients clients until `until`; every answer must be the one its request should have.
+// Returns how many requests were sent.
+long RunClients(const corvanetest::SupervisedService& service, Clock::time_point until) {
+    std::atomic<long> sent{0}, failed{0};
     std::vector<std::thread> clients;
     for (int c = 0; c < kClients; ++c) {
         clients.emplace_back([&, c] {
             for (size_t i = static_cast<size_t>(c) % kMix.size(); Clock::now() < until;
-                 i = (i + 1) % kMix.size(), ++tally.sent) {
+                 i = (i + 1) % kMix.size()) {
                 auto answer = service.Vxcdb(kMix[i].arguments, kRequestTimeoutSeconds);
-                if (answer.exitCode != kMix[i].exitCode ||
-                    answer.output.find(kMix[i].output) == std::string::npos) {
-                    std::lock_guard<std::mutex> lock(tally.mutex);
-                    if (tally.failed++ == 0) {
-                        tally.firstFailure = "request " + std::to_string(i) + " -> exit " +
-                                             std::to_string(answer.exitCode) + ": " + answer.output;
-                    }
+                ++sent;
+                if ((answer.exitCode != kMix[i].exitCode ||
+                     answer.output.find(kMix[i].output) == std::string::npos) &&
+                    failed++ == 0) {
+                    ADD_FAILURE() << "request " << i << " -> exit " << answer.exitCode << ": "
+                                  << answer.output;
                 }
             }
         });
@@ -85,19 +76,8 @@ void RunClients(const corvanetest::SupervisedService& service, Clock::time_point
     for (std::thread& client : clients) {
         client.join();
     }
-}
-
-// The figures of the service at rest: two samples in a row agree on descriptors and threads.
-ProcessFigures AtRest(pid_t pid) {
-    ProcessFigures last = FiguresOf(pid);
-    corvanetest::WaitFor([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        ProcessFigures now = FiguresOf(pid);
-        bool same = now.descriptors == last.descriptors && now.threads == last.threads;
-        last = now;
-        return same;
-    });
-    return last;
+    EXPECT_EQ(failed.load(), 0);
+    return sent.load();
 }
 
 TEST(Load, ManyClientsWhileFaultsAreInjectedAndCleared) {
@@ -110,18 +90,22 @@ TEST(Load, ManyClientsWhileFaultsAreInjectedAndCleared) {
     ASSERT_GT(pid, 0);
 
     // The allocator's per-thread arenas and the cache of thread stacks fill up under the same
-    // load first, so that what is measured afterwards is growth, not first use.
-    Tally warmUp;
-    RunClients(service, Clock::now() + kWarmUp, warmUp);
-    ASSERT_EQ(warmUp.failed, 0) << warmUp.firstFailure;
-    const ProcessFigures before = AtRest(pid);
+    // load first, so that what is measured afterwards is growth, not first use. At rest, two
+    // samples in a row agree on descriptors and threads.
+    RunClients(service, Clock::now() + kWarmUp);
+    ProcessFigures before = FiguresOf(pid);
+    corvanetest::WaitFor([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        ProcessFigures last = std::exchange(before, FiguresOf(pid));
+        return before.descriptors == last.descriptors && before.threads == last.threads;
+    });
     const int dbFailuresBefore = service.CountInLog("SQL statement execution failed");
 
     const char* text = getenv("CORVANE_LOAD_SECONDS");
     int seconds = text == nullptr ? kDefaultSeconds : atoi(text);
     seconds = seconds < 1 || seconds > kMaxSeconds ? kDefaultSeconds : seconds;
-    Tally tally;
-    RunClients(service, Clock::now() + std::chrono::seconds(seconds), tally);
+    const long sent = RunClients(service, Clock::now() + std::chrono::seconds(seconds));
+    EXPECT_GT(sent, kClients);
 
     // At rest again, the service holds no more descriptors or threads than before.
     ProcessFigures after = FiguresOf(pid);
@@ -132,11 +116,8 @@ TEST(Load, ManyClientsWhileFaultsAreInjectedAndCleared) {
     printf(
         "load: %d clients, %ld requests in %d s; descriptors %d -> %d, threads %d -> %d, "
         "VmRSS %ld -> %ld KiB\n",
-        kClients, tally.sent.load(), seconds, before.descriptors, after.descriptors, before.threads,
+        kClients, sent, seconds, before.descriptors, after.descriptors, before.threads,
         after.threads, before.rssKiB, after.rssKiB);
-
-    EXPECT_GT(tally.sent.load(), kClients);
-    EXPECT_EQ(tally.failed, 0) << tally.firstFailure;
     EXPECT_EQ(service.CountInLog("SQL statement execution failed"), dbFailuresBefore);
     // Under a sanitizer freed memory waits in a quarantine before it is reused, so the resident
     // size measures the quarantine; that build checks for leaks when the service exits instead.
