@@ -46,24 +46,6 @@ __asm__(
     "    ret\n"
     ".size ih_helper_triple, .-ih_helper_triple\n"
 
-    // A BTI landing pad, then an adr of a constant it loads: x + 1000.
-    ".balign 16\n"
-    ".globl ih_bti_adr\n"
-    ".type ih_bti_adr, %function\n"
-    "ih_bti_adr:\n"
-    "    bti c\n"
-    "    adr x1, 1f\n"
-    "    ldr w1, [x1]\n"
-    "    add w0, w0, w1\n"
-    "    ret\n"
-    "1:  .word 1000\n"
-    ".size ih_bti_adr, .-ih_bti_adr\n"
-    ".section .note.GNU-stack,\"\",%progbits\n");
-
-// Entry points and branches the engine cannot see without a symbol size.
-__asm__(
-    ".text\n"
-
     // A second entry point right after another function's landing pad: x + 6 from the inner one.
     ".balign 16\n"
     ".globl ih_alias_outer\n"

@@ -11,18 +11,6 @@ __asm__(
     "    ret\n"
     ".size ih_tiny, .-ih_tiny\n"
 
-    // A loop whose head is 2 bytes in: the jg at the end branches back into the displaced bytes.
-    ".balign 16\n"
-    ".globl ih_back_branch\n"
-    ".type ih_back_branch, @function\n"
-    "ih_back_branch:\n"
-    "    movl %edi, %eax\n"
-    "1:  addl $3, %eax\n"
-    "    decl %edi\n"
-    "    jg 1b\n"
-    "    ret\n"
-    ".size ih_back_branch, .-ih_back_branch\n"
-
     // A loop back to the function's very first byte. The branch names a local label: a branch to
     // the global symbol is left to the linker by some assemblers (clang's), which sends it
     // through the library's PLT instead of back into the function.
@@ -60,22 +48,10 @@ __asm__(
     "ih_single:\n"
     "    leal 0x12345(%rdi), %eax\n"
     "    ret\n"
-    ".size ih_single, .-ih_single\n");
+    ".size ih_single, .-ih_single\n"
 
-// A replacement living in a shared library, as the system's own replacements do: it runs the
-// original through the orig entry the engine handed out. The benchmark hooks a libz function
-// with it.
-void* ih_forward_orig;
-unsigned long ih_forward(unsigned long value) {
-    unsigned long (*orig)(unsigned long) =
-        (unsigned long (*)(unsigned long))__atomic_load_n(&ih_forward_orig, __ATOMIC_RELAXED);
-    return orig(value);
-}
-
-// Prologue shapes that test how the engine treats its surroundings: loops and reads within the
-// displaced bytes, a landing pad, entry points and branches it cannot see without a symbol size.
-__asm__(
-    ".text\n"
+    // Prologue shapes that test how the engine treats its surroundings: a loop within the
+    // displaced bytes, a landing pad, entry points and branches it cannot see without a size.
 
     // Spins edi times on its first two instructions (a loop kept inside the trampoline), then
     // returns 5: a thread is almost always found between displaced instructions.
@@ -88,15 +64,6 @@ __asm__(
     "    leal 5(%rdi), %eax\n"
     "    ret\n"
     ".size ih_prologue_spin, .-ih_prologue_spin\n"
-
-    // Its first instruction reads its own first four bytes (rip - 6), which the jump replaces.
-    ".balign 16\n"
-    ".globl ih_self_read\n"
-    ".type ih_self_read, @function\n"
-    "ih_self_read:\n"
-    "1:  movl 1b(%rip), %eax\n"
-    "    ret\n"
-    ".size ih_self_read, .-ih_self_read\n"
 
     // An indirect-branch landing pad, then two instructions to displace: 3 * (x + 7).
     ".balign 16\n"
@@ -146,3 +113,13 @@ __asm__(
     "    addl $3, %eax\n"
     "    addl $4, %eax\n"
     "    ret\n");
+
+// A replacement living in a shared library, as the system's own replacements do: it runs the
+// original through the orig entry the engine handed out. The benchmark hooks a libz function
+// with it.
+void* ih_forward_orig;
+unsigned long ih_forward(unsigned long value) {
+    unsigned long (*orig)(unsigned long) =
+        (unsigned long (*)(unsigned long))__atomic_load_n(&ih_forward_orig, __ATOMIC_RELAXED);
+    return orig(value);
+}

@@ -58,11 +58,8 @@ class CodePage {
     CodePage& operator=(const CodePage&) = delete;
     bool valid() const { return m_base != MAP_FAILED; }
     uintptr_t address(size_t offset) const { return reinterpret_cast<uintptr_t>(m_base) + offset; }
-    void Write(size_t offset, const void* bytes, size_t length) {
-        memcpy(m_base + offset, bytes, length);
-    }
     void Write(size_t offset, const std::vector<uint8_t>& bytes) {
-        Write(offset, bytes.data(), bytes.size());
+        memcpy(m_base + offset, bytes.data(), bytes.size());
     }
     void Seal() {
         __builtin___clear_cache(reinterpret_cast<char*>(m_base),
@@ -110,8 +107,14 @@ std::vector<uint8_t> Join(std::initializer_list<std::vector<uint8_t>> parts) {
 }
 
 const size_t c = kCode;
-// ih_back_branch loops into its second instruction, inside the displaced bytes.
-const char* const kRefusedLoops[] = {"ih_entry_loop", "ih_back_branch"};
+
+// The entry jump (jmp rel32) goes after an endbr64 kept at the entry.
+size_t JumpOffset(const std::vector<uint8_t>& code) {
+    return memcmp(code.data(), "\xf3\x0f\x1e\xfa", 4) == 0 ? 4 : 0;
+}
+bool IsEntryJump(const uint8_t* code) {
+    return code[0] == 0xe9;
+}
 
 std::vector<HandMade> RelocatableFunctions() {
     return {
@@ -153,7 +156,7 @@ std::vector<Refused> RefusedSequences() {
         {"call rax followed by more displaced bytes",
          {0xff, 0xd0, 0x89, 0xf8, 0x01, 0xc0, 0xc3},
          kRewrite},
-        {"reads its own first bytes", {0x8b, 0x05, 0xfc, 0xff, 0xff, 0xff, 0xc3}, kRewrite},
+        {"reads its own first bytes", {0x8b, 0x05, 0xfa, 0xff, 0xff, 0xff, 0xc3}, kRewrite},
         {"undecodable: movntps with a register operand",
          {0x0f, 0x2b, 0xc0, 0x31, 0xc0, 0xc3},
          kRewrite},
@@ -170,7 +173,7 @@ void Assemble(CodePage* page, const std::vector<uint8_t>& code) {
         uintptr_t helper;
     } data;
     data.helper = page->address(kHelper);
-    page->Write(kData, &data, sizeof(data));
+    page->Write(kData, Bytes(&data, sizeof(data)));
 }
 
 int Call(uintptr_t function, int x) {
@@ -233,7 +236,20 @@ constexpr uint32_t kCbz = 0x34000000, kTbnz = 0x37000000;
 constexpr uint32_t kGt = 0xc;
 
 const uint32_t c = kCode;
-const char* const kRefusedLoops[] = {"ih_entry_loop"};
+
+// The entry jump (B) goes after a BTI or PACIASP kept at the entry.
+uint32_t WordAt(const uint8_t* code) {
+    uint32_t word;
+    memcpy(&word, code, sizeof(word));
+    return word;
+}
+size_t JumpOffset(const std::vector<uint8_t>& code) {
+    uint32_t word = WordAt(code.data());
+    return (word & 0xffffff3f) == 0xd503241f || word == kPaciasp ? 4 : 0;
+}
+bool IsEntryJump(const uint8_t* code) {
+    return (WordAt(code) & 0xfc000000) == 0x14000000;
+}
 
 std::vector<HandMade> RelocatableFunctions() {
     auto plus = [](int n) { return [n](int x) { return x + n; }; };
@@ -241,7 +257,6 @@ std::vector<HandMade> RelocatableFunctions() {
         return [taken](int x) { return taken(x) ? 77 : x + 5; };
     };
     return {
-        {"plain: add; ret", Words({AddW0(7), kRet}), plus(7)},
         {"bti c kept at the entry", Words({kBtiC, AddW0(7), kRet}), plus(7)},
         {"paciasp kept at the entry, the relay authenticates",
          Words({kPaciasp, AddW0(7), kAutiasp, kRet}), plus(7)},
@@ -275,7 +290,6 @@ std::vector<Refused> RefusedSequences() {
     return {
         {"brk #0 at the entry (a breakpoint)", Words({0xd4200000, kRet}), kRewrite},
         {"udf after a landing pad", Words({kBtiC, 0x00000000, kRet}), kRewrite},
-        {"b to itself", Words({B(c, c)}), kRewrite},
         {"cbz to itself", Words({Cb(kCbz, c, c), kRet}), kRewrite},
         {"ldr literal of its own first word", Words({Literal(kLdrW, 0, c, c), kRet}), kRewrite},
         {"branch back to the landing pad", Words({kBtiC, B(c + 4, c), kRet}), kRewrite},
@@ -299,7 +313,7 @@ void Assemble(CodePage* page, const std::vector<uint8_t>& code) {
         double twice = 4.0;
         double quad[2] = {6.0, 0.0};
     } data;
-    page->Write(kData, &data, sizeof(data));
+    page->Write(kData, Bytes(&data, sizeof(data)));
 }
 
 // Calls hand-made code with the flags set by `cmp w0, #10`, as conditional entries expect, and
@@ -357,24 +371,29 @@ std::unique_ptr<CodePage> FarPage(uintptr_t near) {
 
 using PrologueRelocatorTest = inlinehooktest::SharedModeTest;
 
-// Each function is hooked through the API (called through the hook, through orig, after
-// unhook), then relocated to a trampoline beyond branch reach, which must reach everything
-// through absolute addresses; only operands addressed from the PC that cannot be loaded
-// absolutely are refused there.
+// Each function is hooked through the API: only the entry jump changes (after a landing pad
+// kept in place), and it runs through the hook, through orig and after unhook. It is then
+// relocated to a trampoline beyond branch reach, which must reach everything through absolute
+// addresses; only operands addressed from the PC that cannot be loaded absolutely are refused.
 TEST_F(PrologueRelocatorTest, EachInstructionClassRunsFromNearAndFarTrampolines) {
     for (const HandMade& function : RelocatableFunctions()) {
         SCOPED_TRACE(function.name);
         std::unique_ptr<CodePage> page = Page(function.code);
         ASSERT_NE(nullptr, page);
         uintptr_t address = page->address(kCode);
-        for (int x : kInputs) {
-            ASSERT_EQ(function.expected(x), Call(address, x)) << "hand assembly is wrong for " << x;
-        }
         std::vector<uint8_t> before = Bytes(reinterpret_cast<void*>(address), 24);
 
         void* stub =
             shadowhook_hook_sym_addr(reinterpret_cast<void*>(address), Code(Replacement), &g_orig);
         ASSERT_NE(nullptr, stub) << shadowhook_to_errmsg(shadowhook_get_errno());
+        std::vector<uint8_t> hooked = Bytes(reinterpret_cast<void*>(address), 24);
+        size_t at = JumpOffset(before);
+        EXPECT_TRUE(IsEntryJump(hooked.data() + at)) << "no entry jump at +" << at;
+        for (size_t i = 0; i < before.size(); ++i) {
+            if (i < at || i >= at + PrologueRelocator::kPatchSize) {
+                EXPECT_EQ(before[i], hooked[i]) << "byte +" << i << " changed";
+            }
+        }
         for (int x : kInputs) {
             if (!function.flags) {
                 EXPECT_EQ(function.expected(x) * 3 + 1, Call(address, x)) << x;
@@ -383,9 +402,6 @@ TEST_F(PrologueRelocatorTest, EachInstructionClassRunsFromNearAndFarTrampolines)
         }
         ASSERT_EQ(0, shadowhook_unhook(stub));
         EXPECT_EQ(before, Bytes(reinterpret_cast<void*>(address), 24));
-        for (int x : kInputs) {
-            EXPECT_EQ(function.expected(x), Call(address, x)) << x;
-        }
 
         std::unique_ptr<CodePage> far = FarPage(address);
         ASSERT_NE(nullptr, far) << "no free address space 3..64 GiB away";
@@ -397,14 +413,17 @@ TEST_F(PrologueRelocatorTest, EachInstructionClassRunsFromNearAndFarTrampolines)
         HookStatus status = relocator.Emit(far->address(0), &trampoline);
         if (function.farRefused) {
             EXPECT_EQ(SHADOWHOOK_ERRNO_HOOK_REWRITE_FAILED, status.number);
-            continue;
+        } else {
+            ASSERT_TRUE(status.ok()) << status.detail;
+            EXPECT_LE(trampoline.size(), relocator.maxTrampolineSize());
+            far->Write(0, trampoline);
+            far->Seal();
         }
-        ASSERT_TRUE(status.ok()) << status.detail;
-        EXPECT_LE(trampoline.size(), relocator.maxTrampolineSize());
-        far->Write(0, trampoline);
-        far->Seal();
         for (int x : kInputs) {
-            EXPECT_EQ(function.expected(x), Call(far->address(0), x)) << x;
+            EXPECT_EQ(function.expected(x), Call(address, x)) << x;
+            if (!function.farRefused) {
+                EXPECT_EQ(function.expected(x), Call(far->address(0), x)) << x;
+            }
         }
     }
 }
@@ -412,15 +431,17 @@ TEST_F(PrologueRelocatorTest, EachInstructionClassRunsFromNearAndFarTrampolines)
 uint8_t g_notCode[16] = {42};
 void* g_relayOrig = nullptr;
 
-// Refusals return their error number and leave the code and the orig slot as they were.
+// Refusals return their error number and leave the code and the orig slot as they were. The
+// test library's prologues are ones a hook would break: too short by their symbol size, looping
+// back to the entry, holding another symbol's entry point, or (without a symbol size) branching
+// back into the displaced bytes.
 TEST_F(PrologueRelocatorTest, RefusedCallsFailWithTheirErrorNumberAndTouchNothing) {
     const std::string library = inlinehooktest::TestLibrary();
     void* cbrtAddress = Symbol("libm.so.6", "cbrt");
-    void* removed = shadowhook_hook_sym_addr(cbrtAddress, Code(PlusThousand), nullptr);
-    ASSERT_EQ(0, shadowhook_unhook(removed));
     void* first = shadowhook_hook_sym_addr(cbrtAddress, Code(PlusThousand), &g_relayOrig);
     ASSERT_NE(nullptr, first);
     const int kInvalid = SHADOWHOOK_ERRNO_INVALID_ARG;
+    const int kRewrite = SHADOWHOOK_ERRNO_HOOK_REWRITE_FAILED;
     struct Hook {
         std::string name;
         void* address;
@@ -435,15 +456,16 @@ TEST_F(PrologueRelocatorTest, RefusedCallsFailWithTheirErrorNumberAndTouchNothin
         {"data, not code", g_notCode, kInvalid},
         {"the engine's own relay", g_relayOrig, kInvalid},
         {"a function replacing itself", Code(Replacement), kInvalid},
-        {"ih_tiny: shorter than the entry jump", Symbol(library.c_str(), "ih_tiny"),
-         SHADOWHOOK_ERRNO_HOOK_SYMSZ},
 #if defined(__aarch64__)
         {"unaligned", reinterpret_cast<char*>(Replacement) + 2, kInvalid},
 #endif
     };
-    for (const char* loop : kRefusedLoops) {
-        hooks.push_back({std::string(loop) + ": branches back into the displaced code",
-                         Symbol(library.c_str(), loop), SHADOWHOOK_ERRNO_HOOK_REWRITE_FAILED});
+    const std::pair<const char*, int> kLibrary[] = {{"ih_tiny", SHADOWHOOK_ERRNO_HOOK_SYMSZ},
+                                                    {"ih_entry_loop", kRewrite},
+                                                    {"ih_alias_outer", kRewrite},
+                                                    {"ih_unsized_back_branch", kRewrite}};
+    for (const auto& [symbol, error] : kLibrary) {
+        hooks.push_back({symbol, Symbol(library.c_str(), symbol), error});
     }
     std::vector<std::unique_ptr<CodePage>> pages;
     for (const Refused& refused : RefusedSequences()) {
@@ -463,27 +485,18 @@ TEST_F(PrologueRelocatorTest, RefusedCallsFailWithTheirErrorNumberAndTouchNothin
         EXPECT_EQ(before, Bytes(watched, 16));
     }
 
-    auto expectFailure = [](const char* name, bool failed, int error) {
-        EXPECT_TRUE(failed) << name;
-        EXPECT_EQ(error, shadowhook_get_errno()) << name;
-    };
     void* replacement = Code(Replacement);
-    expectFailure("by name: null library",
-                  !shadowhook_hook_sym_name(nullptr, "cbrt", replacement, nullptr), kInvalid);
-    expectFailure("by name: no such symbol",
-                  !shadowhook_hook_sym_name("libm.so.6", "ih_no", replacement, nullptr),
-                  SHADOWHOOK_ERRNO_HOOK_DLSYM);
-    expectFailure("by name: a library never loaded",
-                  !shadowhook_hook_sym_name("libih_no.so", "cbrt", replacement, nullptr),
-                  SHADOWHOOK_ERRNO_HOOK_DLSYM);
-    expectFailure("unhook: null", shadowhook_unhook(nullptr) == -1, kInvalid);
-    expectFailure("unhook: a removed stub", shadowhook_unhook(removed) == -1,
-                  SHADOWHOOK_ERRNO_UNHOOK_NOTFOUND);
-    expectFailure("unhook: an orig slot", shadowhook_unhook(&g_relayOrig) == -1,
-                  SHADOWHOOK_ERRNO_UNHOOK_NOTFOUND);
+    EXPECT_EQ(nullptr, shadowhook_hook_sym_name(nullptr, "cbrt", replacement, nullptr));
+    EXPECT_EQ(kInvalid, shadowhook_get_errno());
+    EXPECT_EQ(nullptr, shadowhook_hook_sym_name("libm.so.6", "ih_no", replacement, nullptr));
+    EXPECT_EQ(SHADOWHOOK_ERRNO_HOOK_DLSYM, shadowhook_get_errno()) << "no such symbol";
+    EXPECT_EQ(nullptr, shadowhook_hook_sym_name("libih_no.so", "cbrt", replacement, nullptr));
+    EXPECT_EQ(SHADOWHOOK_ERRNO_HOOK_DLSYM, shadowhook_get_errno()) << "a library never loaded";
+    EXPECT_EQ(-1, shadowhook_unhook(nullptr));
+    EXPECT_EQ(kInvalid, shadowhook_get_errno());
     // The error number is the calling thread's own.
     std::thread([] { EXPECT_EQ(SHADOWHOOK_ERRNO_OK, shadowhook_get_errno()); }).join();
-    EXPECT_EQ(SHADOWHOOK_ERRNO_UNHOOK_NOTFOUND, shadowhook_get_errno());
+    EXPECT_EQ(kInvalid, shadowhook_get_errno());
     EXPECT_EQ(0, shadowhook_unhook(first));
     EXPECT_EQ(2.0, reinterpret_cast<inlinehooktest::Unary>(cbrtAddress)(8.0));
 }
