@@ -1,15 +1,12 @@
 // The engine inside a process that does more than call hooked functions: a profiler's signal
-// handler interrupting code the engine rewrites, a hooked libc function whose replacement takes a
-// lock a paused thread holds, and prologues beside the shapes a hook would break.
-#include <fcntl.h>
+// handler interrupting code the engine rewrites, and prologues beside the shapes a hook would
+// break.
 #include <signal.h>
-#include <stdarg.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <mutex>
 #include <thread>
 
 #include "tests/inlinehook/inlinehooktest.h"
@@ -169,61 +166,5 @@ TEST_F(SharedModeTest, AThreadInsideAnotherSignalHandlerIsMovedOutOfTheDisplaced
     }
 }
 #endif
-
-std::mutex g_openLock;
-void* g_openOrig = nullptr;
-std::atomic<int> g_lockedOpens{0};
-// A fault injected into open: it serialises callers on a lock of the application's.
-int LockingOpen(const char* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    mode_t mode = static_cast<mode_t>(va_arg(arguments, int));
-    va_end(arguments);
-    std::lock_guard<std::mutex> lock(g_openLock);
-    ++g_lockedOpens;
-    using Open = int (*)(const char*, int, ...);
-    return inlinehooktest::Orig<Open>(&g_openOrig)(path, flags, mode);
-}
-
-// While other threads are paused the engine must not enter open (nor any library function): a
-// paused thread holds the lock the hooked open waits for.
-TEST_F(SharedModeTest, ALibcHookWaitingForAPausedThreadsLockDoesNotFreezeTheNextHook) {
-    int status = RunInChild([] {
-        alarm(kChildDeadlineSeconds);
-        void* openAddress = dlsym(RTLD_DEFAULT, "open");
-        CHILD_CHECK(openAddress != nullptr);
-        void* openStub = shadowhook_hook_sym_addr(openAddress, Code(LockingOpen), &g_openOrig);
-        CHILD_CHECK(openStub != nullptr);
-        // cbrt displaces several instructions: its entry is written with the holder paused. A
-        // first hook builds its trampoline (reading the memory map) while nothing is locked.
-        void* cbrtAddress = Symbol("libm.so.6", "cbrt");
-        void* cbrtStub = shadowhook_hook_sym_addr(cbrtAddress, Code(inlinehooktest::PlusThousand),
-                                                  &inlinehooktest::g_unaryOrig);
-        CHILD_CHECK(cbrtStub != nullptr && shadowhook_unhook(cbrtStub) == 0);
-        int wake[2];
-        CHILD_CHECK(pipe(wake) == 0);
-        std::atomic<bool> held{false};
-        std::thread holder([&] {
-            std::lock_guard<std::mutex> lock(g_openLock);
-            held = true;
-            char byte;
-            (void)!read(wake[0], &byte, 1);
-        });
-        CHILD_CHECK(corvanetest::WaitFor([&] { return held.load(); }));
-        cbrtStub = shadowhook_hook_sym_addr(cbrtAddress, Code(inlinehooktest::PlusThousand),
-                                            &inlinehooktest::g_unaryOrig);
-        CHILD_CHECK(cbrtStub != nullptr);
-        CHILD_CHECK(reinterpret_cast<inlinehooktest::Unary>(cbrtAddress)(8.0) == 1002.0);
-        CHILD_CHECK(write(wake[1], "x", 1) == 1);
-        holder.join();
-        int fd = open("/dev/null", O_RDONLY);
-        CHILD_CHECK(fd >= 0 && g_lockedOpens.load() > 0);
-        close(fd);
-        CHILD_CHECK(shadowhook_unhook(cbrtStub) == 0);
-        CHILD_CHECK(shadowhook_unhook(openStub) == 0);
-        return 0;
-    });
-    EXPECT_TRUE(ChildSucceeded(status)) << "wait status " << status;
-}
 
 }  // namespace
