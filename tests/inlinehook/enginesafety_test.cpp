@@ -19,15 +19,11 @@ using inlinehooktest::Bytes;
 using inlinehooktest::Code;
 using inlinehooktest::IntFunction;
 using inlinehooktest::SharedModeTest;
-using inlinehooktest::Symbol;
+using inlinehooktest::TestSymbol;
 using inlinehooktest::Twice;
 
 // A hang in a child is a failure too: the alarm's default action ends it.
 constexpr unsigned kChildDeadlineSeconds = 90;
-
-void* TestSymbol(const char* name) {
-    return Symbol(inlinehooktest::TestLibrary().c_str(), name);
-}
 
 // Prologues beside ones the engine refuses (see the relocator's tests): an entry point of its
 // own, code without a symbol size that never branches back, and a function behind a landing pad

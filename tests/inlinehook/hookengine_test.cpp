@@ -76,8 +76,8 @@ class HookConcurrencyTest : public inlinehooktest::SharedModeTest,
 TEST_P(HookConcurrencyTest, HooksGiveTheReplacementOrigTheOriginalAlsoWhileTogglingUnderLoad) {
     const Target& target = GetParam();
     const bool integer = target.integer;
-    std::string library = integer ? inlinehooktest::TestLibrary() : "libm.so.6";
-    void* address = Symbol(library.c_str(), target.symbol);
+    void* address =
+        integer ? inlinehooktest::TestSymbol(target.symbol) : Symbol("libm.so.6", target.symbol);
     ASSERT_NE(nullptr, address);
     const std::vector<uint8_t> before = Bytes(address);
     std::vector<uint64_t> real(kInputs), plain(kInputs), replaced(kInputs);

@@ -35,7 +35,8 @@ TEST(ShadowhookInitTest, TheFirstInitialisationDecidesForTheProcess) {
         const char* name;
         int (*body)();
     } scenarios[] = {
-        {"every call fails with UNINIT before init",
+        {"every call fails with UNINIT before init, and after an unknown mode, which fails for "
+         "good",
          [] {
              void* cbrtAddress = Symbol("libm.so.6", "cbrt");
              CHILD_CHECK(shadowhook_get_init_errno() == SHADOWHOOK_ERRNO_UNINIT);
@@ -46,31 +47,22 @@ TEST(ShadowhookInitTest, TheFirstInitialisationDecidesForTheProcess) {
              CHILD_CHECK(shadowhook_get_errno() == SHADOWHOOK_ERRNO_UNINIT);
              CHILD_CHECK(shadowhook_unhook(reinterpret_cast<void*>(1)) == -1);
              CHILD_CHECK(shadowhook_get_errno() == SHADOWHOOK_ERRNO_UNINIT);
+             const int kInvalid = SHADOWHOOK_ERRNO_INVALID_ARG;
+             CHILD_CHECK(shadowhook_init(static_cast<shadowhook_mode_t>(7), false) == kInvalid);
+             CHILD_CHECK(shadowhook_init(SHADOWHOOK_MODE_SHARED, false) == kInvalid);
+             CHILD_CHECK(shadowhook_get_init_errno() == kInvalid);
+             CHILD_CHECK(!shadowhook_hook_sym_addr(cbrtAddress, kPlusOne, nullptr));
+             CHILD_CHECK(shadowhook_get_errno() == SHADOWHOOK_ERRNO_UNINIT);
              CHILD_CHECK(reinterpret_cast<Unary>(cbrtAddress)(8.0) == 2.0);
              return 0;
          }},
-        {"only the first init counts and later calls return its result",
+        {"the first init decides; unique mode takes one hook per address, keeps no frames, and "
+         "orig is the original",
          [] {
              CHILD_CHECK(shadowhook_init(SHADOWHOOK_MODE_UNIQUE, false) == SHADOWHOOK_ERRNO_OK);
              CHILD_CHECK(shadowhook_init(SHADOWHOOK_MODE_SHARED, true) == SHADOWHOOK_ERRNO_OK);
              CHILD_CHECK(shadowhook_get_mode() == SHADOWHOOK_MODE_UNIQUE);
              CHILD_CHECK(!shadowhook_get_debuggable());
-             return 0;
-         }},
-        {"an unknown mode fails for good",
-         [] {
-             CHILD_CHECK(shadowhook_init(static_cast<shadowhook_mode_t>(7), false) ==
-                         SHADOWHOOK_ERRNO_INVALID_ARG);
-             CHILD_CHECK(shadowhook_init(SHADOWHOOK_MODE_SHARED, false) ==
-                         SHADOWHOOK_ERRNO_INVALID_ARG);
-             CHILD_CHECK(shadowhook_get_init_errno() == SHADOWHOOK_ERRNO_INVALID_ARG);
-             CHILD_CHECK(!shadowhook_hook_sym_addr(Symbol("libm.so.6", "cbrt"), kPlusOne, nullptr));
-             CHILD_CHECK(shadowhook_get_errno() == SHADOWHOOK_ERRNO_UNINIT);
-             return 0;
-         }},
-        {"unique mode takes one hook per address, keeps no frames, and orig is the original",
-         [] {
-             CHILD_CHECK(shadowhook_init(SHADOWHOOK_MODE_UNIQUE, false) == SHADOWHOOK_ERRNO_OK);
              void* address = Symbol("libm.so.6", "cbrt");
              Unary function = reinterpret_cast<Unary>(address);
              void* first = shadowhook_hook_sym_addr(address, kPlusOne, nullptr);
@@ -110,29 +102,24 @@ TEST_F(ShadowhookTest, EveryErrorNumberHasItsOwnMessage) {
                 messages.count(shadowhook_to_errmsg(SHADOWHOOK_ERRNO_UNHOOK_NOTFOUND + 1)) == 0);
 }
 
-// Also hooks by name, which finds the symbol in a library already loaded.
+// Silent unless debuggable. Also hooks by name, which finds the symbol in a loaded library.
 TEST_F(ShadowhookTest, DebuggableLogsWhatTheEngineDoesAndWhy) {
-    corvanetest::LogCapture log;
-    shadowhook_set_debuggable(false);
-    void* quiet = shadowhook_hook_sym_name("libm.so.6", "cbrt", Code(PlusThousand), nullptr);
-    ASSERT_NE(nullptr, quiet) << shadowhook_to_errmsg(shadowhook_get_errno());
-    ASSERT_EQ(0, shadowhook_unhook(quiet));
-    EXPECT_EQ(0, log.Count("", "corvane_inlinehook")) << log.Dump();
-
-    shadowhook_set_debuggable(true);
-    EXPECT_TRUE(shadowhook_get_debuggable());
-    void* stub = shadowhook_hook_sym_name("libm.so.6", "cbrt", Code(PlusThousand), nullptr);
-    ASSERT_NE(nullptr, stub);
-    EXPECT_EQ(1007.0, reinterpret_cast<Unary>(Symbol("libm.so.6", "cbrt"))(343.0));
-    ASSERT_EQ(0, shadowhook_unhook(stub));
-    EXPECT_EQ(-1, shadowhook_unhook(stub));
-    shadowhook_set_debuggable(false);
-    EXPECT_TRUE(log.Contains("hooked cbrt", "corvane_inlinehook")) << log.Dump();
-    EXPECT_TRUE(log.Contains("unhooked", "corvane_inlinehook")) << log.Dump();
-    EXPECT_TRUE(log.Contains(std::string("shadowhook_unhook failed: 27 (") +
-                                 shadowhook_to_errmsg(SHADOWHOOK_ERRNO_UNHOOK_NOTFOUND),
-                             "corvane_inlinehook"))
-        << log.Dump();
+    const std::string failure = std::string("shadowhook_unhook failed: 27 (") +
+                                shadowhook_to_errmsg(SHADOWHOOK_ERRNO_UNHOOK_NOTFOUND);
+    for (bool debuggable : {false, true}) {
+        corvanetest::LogCapture log;
+        shadowhook_set_debuggable(debuggable);
+        void* stub = shadowhook_hook_sym_name("libm.so.6", "cbrt", Code(PlusThousand), nullptr);
+        ASSERT_NE(nullptr, stub) << shadowhook_to_errmsg(shadowhook_get_errno());
+        EXPECT_EQ(1007.0, reinterpret_cast<Unary>(Symbol("libm.so.6", "cbrt"))(343.0));
+        ASSERT_EQ(0, shadowhook_unhook(stub));
+        EXPECT_EQ(-1, shadowhook_unhook(stub));
+        shadowhook_set_debuggable(false);
+        EXPECT_EQ(debuggable, log.Count("", "corvane_inlinehook") > 0) << log.Dump();
+        EXPECT_EQ(debuggable, log.Contains("hooked cbrt", "corvane_inlinehook"));
+        EXPECT_EQ(debuggable, log.Contains("unhooked", "corvane_inlinehook"));
+        EXPECT_EQ(debuggable, log.Contains(failure, "corvane_inlinehook"));
+    }
 }
 
 }  // namespace
