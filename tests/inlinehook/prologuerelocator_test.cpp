@@ -77,31 +77,20 @@ struct HandMade {
     const char* name;
     std::vector<uint8_t> code;
     std::function<int(int)> expected;
+    unsigned traits = 0;
     int refusal = 0;
-    // It reads the condition flags set by the caller, which a C++ replacement does not keep.
-    bool flags = false;
-    // Its operand is addressed from the PC and cannot reach an arbitrary trampoline address.
-    bool farRefused = false;
+};
+enum Trait : unsigned {
+    kReadsFlags = 1,  // set by the caller, which a C++ replacement does not keep
+    kFarRefused = 2,  // a PC-relative operand no far trampoline can load absolutely
 };
 const int kRewrite = SHADOWHOOK_ERRNO_HOOK_REWRITE_FAILED;
 
+std::function<int(int)> Plus(int n) {
+    return [n](int x) { return x + n; };
+}
+
 #if defined(__x86_64__)
-
-// rel32 from the end of an instruction ending at `from` (page offsets) to `to`.
-std::vector<uint8_t> Rel32(size_t from, size_t to) {
-    int32_t rel = static_cast<int32_t>(static_cast<int64_t>(to) - static_cast<int64_t>(from));
-    return Bytes(&rel, sizeof(rel));
-}
-
-std::vector<uint8_t> Join(std::initializer_list<std::vector<uint8_t>> parts) {
-    std::vector<uint8_t> joined;
-    for (const auto& part : parts) {
-        joined.insert(joined.end(), part.begin(), part.end());
-    }
-    return joined;
-}
-
-const size_t c = kCode;
 
 // The entry jump (jmp rel32) goes after an endbr64 kept at the entry.
 size_t JumpOffset(const std::vector<uint8_t>& code) {
@@ -111,43 +100,42 @@ bool IsEntryJump(const uint8_t* code) {
     return code[0] == 0xe9;
 }
 
+// Displacements are from the end of the instruction, with the function at kCode.
 std::vector<HandMade> HandMadeFunctions() {
     return {
         {"endbr64 and a frame: push rbp; mov rbp, rsp",
          {0xf3, 0x0f, 0x1e, 0xfa, 0x55, 0x48, 0x89, 0xe5, 0x8d, 0x47, 0x07, 0x5d, 0xc3},
-         [](int x) { return x + 7; }},
-        {"RIP-relative load: mov eax, [rip+data]",
-         Join({{0x8b, 0x05}, Rel32(c + 6, kData), {0x01, 0xf8, 0xc3}}),
-         [](int x) { return x + 1000; }, 0, false, true},
+         Plus(7)},
+        {"RIP-relative load: mov eax, [rip+0x6fa] (the data)",
+         {0x8b, 0x05, 0xfa, 0x06, 0x00, 0x00, 0x01, 0xf8, 0xc3},
+         Plus(1000),
+         kFarRefused},
         {"short jcc out of the displaced bytes: test; js; lea",
          {0x85, 0xff, 0x78, 0x04, 0x8d, 0x47, 0x01, 0xc3, 0x89, 0xf8, 0xf7, 0xd8, 0xc3},
          [](int x) { return x < 0 ? -x : x + 1; }},
-        {"near jcc: cmp edi, 10; jg rel32",
-         Join({{0x83, 0xff, 0x0a, 0x0f, 0x8f},
-               Rel32(c + 9, c + 13),
-               {0x8d, 0x47, 0x05, 0xc3, 0x8d, 0x04, 0x3f, 0xc3}}),
+        {"near jcc: cmp edi, 10; jg +4",
+         {0x83, 0xff, 0x0a, 0x0f, 0x8f, 0x04, 0x00, 0x00, 0x00, 0x8d, 0x47, 0x05, 0xc3, 0x8d, 0x04,
+          0x3f, 0xc3},
          [](int x) { return x > 10 ? 2 * x : x + 5; }},
-        {"near jmp at the entry", Join({{0xe9}, Rel32(c + 5, kBody)}), [](int x) { return 3 * x; }},
-        {"call rel32 at the entry", Join({{0xe8}, Rel32(c + 5, kHelper), {0x01, 0xf8, 0xc3}}),
-         [](int x) { return x + 40; }},
-        {"call through a RIP-relative pointer",
-         Join({{0xff, 0x15}, Rel32(c + 6, kData + 8), {0x01, 0xf8, 0xc3}}),
-         [](int x) { return x + 40; }, 0, false, true},
+        {"near jmp at the entry to the body",
+         {0xe9, 0xfb, 0x01, 0x00, 0x00},
+         [](int x) { return 3 * x; }},
+        {"call rel32 at the entry to the helper",
+         {0xe8, 0xfb, 0x02, 0x00, 0x00, 0x01, 0xf8, 0xc3},
+         Plus(40)},
+        {"call through a RIP-relative pointer: call [rip+0x702] (data + 8)",
+         {0xff, 0x15, 0x02, 0x07, 0x00, 0x00, 0x01, 0xf8, 0xc3},
+         Plus(40),
+         kFarRefused},
         {"a loop inside the displaced bytes: mov; shr; jnz back",
          {0x89, 0xf8, 0xd1, 0xe8, 0x75, 0xfc, 0x8d, 0x47, 0x05, 0xc3},
-         [](int x) { return x + 5; }},
-        {"ret: the function ends before 5 bytes", {0xc3}, {}, SHADOWHOOK_ERRNO_HOOK_SYMSZ},
-        {"jrcxz (rel8 only)", {0xe3, 0x03, 0x31, 0xc0, 0x31, 0xc0, 0xc3}, {}, kRewrite},
-        {"int3 at the entry (a breakpoint)", {0xcc, 0x31, 0xc0, 0x31, 0xc0, 0xc3}, {}, kRewrite},
-        {"call rax followed by more displaced bytes",
-         {0xff, 0xd0, 0x89, 0xf8, 0x01, 0xc0, 0xc3},
-         {},
-         kRewrite},
-        {"reads its own first bytes", {0x8b, 0x05, 0xfa, 0xff, 0xff, 0xff, 0xc3}, {}, kRewrite},
-        {"undecodable: movntps with a register operand",
-         {0x0f, 0x2b, 0xc0, 0x31, 0xc0, 0xc3},
-         {},
-         kRewrite},
+         Plus(5)},
+        {"ret: the function ends before 5 bytes", {0xc3}, {}, 0, SHADOWHOOK_ERRNO_HOOK_SYMSZ},
+        {"jrcxz (rel8 only)", {0xe3, 0x03, 0x31, 0xc0, 0x31, 0xc0, 0xc3}, {}, 0, kRewrite},
+        {"int3 at the entry (a breakpoint)", {0xcc, 0x31, 0xc0, 0x31, 0xc0, 0xc3}, {}, 0, kRewrite},
+        {"call rax, then more bytes", {0xff, 0xd0, 0x89, 0xf8, 0x01, 0xc0, 0xc3}, {}, 0, kRewrite},
+        {"reads its own first bytes", {0x8b, 0x05, 0xfa, 0xff, 0xff, 0xff, 0xc3}, {}, 0, kRewrite},
+        {"undecodable: movntps xmm0, xmm0", {0x0f, 0x2b, 0xc0, 0x31, 0xc0, 0xc3}, {}, 0, kRewrite},
     };
 }
 
@@ -224,37 +212,36 @@ bool IsEntryJump(const uint8_t* code) {
 }
 
 std::vector<HandMade> HandMadeFunctions() {
-    auto plus = [](int n) { return [n](int x) { return x + n; }; };
     auto branchTo77 = [](std::function<bool(int)> taken) {
         return [taken](int x) { return taken(x) ? 77 : x + 5; };
     };
     return {
-        {"bti c kept at the entry", Words({kBtiC, AddW0(7), kRet}), plus(7)},
+        {"bti c kept at the entry", Words({kBtiC, AddW0(7), kRet}), Plus(7)},
         {"paciasp kept at the entry, the relay authenticates",
-         Words({kPaciasp, AddW0(7), kAutiasp, kRet}), plus(7)},
+         Words({kPaciasp, AddW0(7), kAutiasp, kRet}), Plus(7)},
         {"b to a body elsewhere", Words({B(kB, c, kBody)}), [](int x) { return 3 * x; }},
         {"cbz w0", Words({Imm19(kCbz, c, kOther), AddW0(5), kRet}),
          branchTo77([](int x) { return x == 0; })},
         {"tbnz w0, #31", Words({Tb(kTbnz, 31, c, kOther), AddW0(5), kRet}),
          branchTo77([](int x) { return x < 0; })},
         {"b.gt on the caller's flags", Words({Imm19(kBGt, c, kOther), AddW0(5), kRet}),
-         branchTo77([](int x) { return x > 10; }), 0, true},
-        {"adr x1, data", Words({Adr(1, c, kData), kLdrW1X1, kAddW0W1, kRet}), plus(1000)},
+         branchTo77([](int x) { return x > 10; }), kReadsFlags},
+        {"adr x1, data", Words({Adr(1, c, kData), kLdrW1X1, kAddW0W1, kRet}), Plus(1000)},
         {"adrp x1, page; add x1, x1, #0x800",
-         Words({0x90000001, 0x91200021, kLdrW1X1, kAddW0W1, kRet}), plus(1000)},
-        {"ldr x1, literal", Words({Imm19(kLdrX | 1, c, kData + 8), kAddW0W1, kRet}), plus(2000)},
-        {"ldrsw x1, literal", Words({Imm19(kLdrsw | 1, c, kData + 4), kAddX0X1, kRet}), plus(-5)},
+         Words({0x90000001, 0x91200021, kLdrW1X1, kAddW0W1, kRet}), Plus(1000)},
+        {"ldr x1, literal", Words({Imm19(kLdrX | 1, c, kData + 8), kAddW0W1, kRet}), Plus(2000)},
+        {"ldrsw x1, literal", Words({Imm19(kLdrsw | 1, c, kData + 4), kAddX0X1, kRet}), Plus(-5)},
         {"ldr q0, literal", Words({Imm19(kLdrQ, c, kData + 16), kFcvtzsW1D0, kAddW0W1, kRet}),
-         plus(6)},
-        {"prfm literal (dropped)", Words({Imm19(kPrfm, c, kData), AddW0(7), kRet}), plus(7)},
+         Plus(6)},
+        {"prfm literal (dropped)", Words({Imm19(kPrfm, c, kData), AddW0(7), kRet}), Plus(7)},
         {"bl to a helper that must return into the function, then back through x15",
-         Words({B(kBl, c, kHelper), kAddW0W1, kBrX15}), plus(40)},
-        {"brk #0 at the entry (a breakpoint)", Words({0xd4200000, kRet}), {}, kRewrite},
-        {"udf after a landing pad", Words({kBtiC, 0x00000000, kRet}), {}, kRewrite},
-        {"cbz to itself", Words({Imm19(kCbz, c, c), kRet}), {}, kRewrite},
-        {"ldr literal of its own first word", Words({Imm19(kLdrW, c, c), kRet}), {}, kRewrite},
-        {"branch back to the landing pad", Words({kBtiC, B(kB, c + 4, c), kRet}), {}, kRewrite},
-        {"literal load into xzr", Words({Imm19(kLdrX | 31, c, kData), kRet}), {}, kRewrite},
+         Words({B(kBl, c, kHelper), kAddW0W1, kBrX15}), Plus(40)},
+        {"brk #0 at the entry (a breakpoint)", Words({0xd4200000, kRet}), {}, 0, kRewrite},
+        {"udf after a landing pad", Words({kBtiC, 0x00000000, kRet}), {}, 0, kRewrite},
+        {"cbz to itself", Words({Imm19(kCbz, c, c), kRet}), {}, 0, kRewrite},
+        {"ldr literal of its own first word", Words({Imm19(kLdrW, c, c), kRet}), {}, 0, kRewrite},
+        {"branch back to the landing pad", Words({kBtiC, B(kB, c + 4, c), kRet}), {}, 0, kRewrite},
+        {"literal load into xzr", Words({Imm19(kLdrX | 31, c, kData), kRet}), {}, 0, kRewrite},
     };
 }
 
@@ -354,7 +341,7 @@ TEST_F(PrologueRelocatorTest, EachInstructionClassRunsFromNearAndFarTrampolines)
             }
         }
         for (int x : kInputs) {
-            if (!function.flags) {
+            if (!(function.traits & kReadsFlags)) {
                 EXPECT_EQ(function.expected(x) * 3 + 1, Call(address, x)) << x;
             }
             EXPECT_EQ(function.expected(x), Call(reinterpret_cast<uintptr_t>(g_orig), x)) << x;
@@ -370,7 +357,7 @@ TEST_F(PrologueRelocatorTest, EachInstructionClassRunsFromNearAndFarTrampolines)
         ASSERT_TRUE(relocator.Analyze(address, bounds).ok());
         std::vector<uint8_t> trampoline;
         HookStatus status = relocator.Emit(far->address(0), &trampoline);
-        if (function.farRefused) {
+        if (function.traits & kFarRefused) {
             EXPECT_EQ(SHADOWHOOK_ERRNO_HOOK_REWRITE_FAILED, status.number);
         } else {
             ASSERT_TRUE(status.ok()) << status.detail;
@@ -380,7 +367,7 @@ TEST_F(PrologueRelocatorTest, EachInstructionClassRunsFromNearAndFarTrampolines)
         }
         for (int x : kInputs) {
             EXPECT_EQ(function.expected(x), Call(address, x)) << x;
-            if (!function.farRefused) {
+            if (!(function.traits & kFarRefused)) {
                 EXPECT_EQ(function.expected(x), Call(far->address(0), x)) << x;
             }
         }
