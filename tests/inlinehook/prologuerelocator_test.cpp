@@ -168,9 +168,6 @@ uint32_t B(uint32_t op, uint32_t from, uint32_t to) {  // B, BL
 uint32_t Imm19(uint32_t op, uint32_t from, uint32_t to) {
     return op | Imm(from, to, 19) << 5;
 }
-uint32_t Tb(uint32_t op, unsigned bit, uint32_t from, uint32_t to) {  // tbz/tbnz w0, #bit
-    return op | (bit & 31) << 19 | Imm(from, to, 14) << 5;
-}
 uint32_t Adr(unsigned reg, uint32_t from, uint32_t to) {
     uint32_t imm = static_cast<uint32_t>(static_cast<int64_t>(to) - from) & 0x1fffff;
     return 0x10000000 | (imm & 3) << 29 | (imm >> 2) << 5 | reg;
@@ -188,13 +185,12 @@ constexpr uint32_t kBtiC = 0xd503245f;
 constexpr uint32_t kPaciasp = 0xd503233f;
 constexpr uint32_t kAutiasp = 0xd50323bf;
 constexpr uint32_t kAddW0W1 = 0x0b010000;  // add w0, w0, w1
-constexpr uint32_t kAddX0X1 = 0x8b010000;  // add x0, x0, x1
 constexpr uint32_t kLdrW1X1 = 0xb9400021;  // ldr w1, [x1]
-constexpr uint32_t kLdrW = 0x18000000, kLdrX = 0x58000000, kLdrsw = 0x98000000;
-constexpr uint32_t kLdrQ = 0x9c000000, kPrfm = 0xd8000000;
+constexpr uint32_t kLdrW = 0x18000000, kLdrX = 0x58000000, kLdrQ = 0x9c000000;
+constexpr uint32_t kPrfm = 0xd8000000;
 constexpr uint32_t kFcvtzsW1D0 = 0x1e780001;
 constexpr uint32_t kB = 0x14000000, kBl = 0x94000000, kBGt = 0x5400000c;
-constexpr uint32_t kCbz = 0x34000000, kTbnz = 0x37000000;
+constexpr uint32_t kCbz = 0x34000000;
 
 const uint32_t c = kCode;
 
@@ -218,15 +214,12 @@ std::vector<HandMade> HandMadeFunctions() {
         {"b to a body elsewhere", Words({B(kB, c, kBody)}), [](int x) { return 3 * x; }},
         {"cbz w0", Words({Imm19(kCbz, c, kOther), AddW0(5), kRet}),
          branchTo77([](int x) { return x == 0; })},
-        {"tbnz w0, #31", Words({Tb(kTbnz, 31, c, kOther), AddW0(5), kRet}),
-         branchTo77([](int x) { return x < 0; })},
         {"b.gt on the caller's flags", Words({Imm19(kBGt, c, kOther), AddW0(5), kRet}),
          branchTo77([](int x) { return x > 10; }), kReadsFlags},
         {"adr x1, data", Words({Adr(1, c, kData), kLdrW1X1, kAddW0W1, kRet}), Plus(1000)},
         {"adrp x1, page; add x1, x1, #0x800",
          Words({0x90000001, 0x91200021, kLdrW1X1, kAddW0W1, kRet}), Plus(1000)},
         {"ldr x1, literal", Words({Imm19(kLdrX | 1, c, kData + 8), kAddW0W1, kRet}), Plus(2000)},
-        {"ldrsw x1, literal", Words({Imm19(kLdrsw | 1, c, kData + 4), kAddX0X1, kRet}), Plus(-5)},
         {"ldr q0, literal", Words({Imm19(kLdrQ, c, kData + 16), kFcvtzsW1D0, kAddW0W1, kRet}),
          Plus(6)},
         {"prfm literal (dropped)", Words({Imm19(kPrfm, c, kData), AddW0(7), kRet}), Plus(7)},
@@ -250,7 +243,7 @@ void Assemble(CodePage* page, const std::vector<uint8_t>& code) {
     page->Write(kHelper, Words({Adr(2, kHelper, kCode + 4), 0xcb0203c1, 0x1100a021, kRet}));
     struct {
         int32_t word = 1000;
-        int32_t negative = -5;
+        int32_t pad = 0;
         int64_t doubleword = 2000;
         double quad[2] = {6.0, 0.0};
     } data;
