@@ -85,8 +85,7 @@ TEST_F(SharedModeTest, AThreadInsideAnotherSignalHandlerIsMovedOutOfTheDisplaced
     auto spin = reinterpret_cast<IntFunction>(TestSymbol("ih_prologue_spin"));
     ASSERT_NE(nullptr, spin);
     for (bool onAltStack : {false, true}) {
-        SCOPED_TRACE(onAltStack ? "profiler on an alternate stack"
-                                : "profiler on the thread's stack");
+        SCOPED_TRACE(onAltStack ? "on an alternate stack" : "on the thread's stack");
         int status = RunInChild([&] {
             alarm(kChildDeadlineSeconds);
             struct sigaction action {};
