@@ -3,6 +3,7 @@
 // break.
 #include <signal.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -55,11 +56,16 @@ TEST_F(SharedModeTest, NeighbouringProloguesAreHookedAndRestored) {
 #if defined(__x86_64__)
 std::atomic<uint64_t> g_profiles{0};
 
-// A sampling profiler's handler: some tens of microseconds of work on the interrupted thread.
+// A sampling profiler's handler: about 100 µs of work on the interrupted thread.
 void Profile(int) {
-    constexpr int kWork = 1 << 15;
-    for (volatile int i = 0; i < kWork; i = i + 1) {
-    }
+    constexpr long kWorkNanos = 100 * 1000;
+    timespec start;
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    do {
+        clock_gettime(CLOCK_MONOTONIC, &now);
+    } while ((now.tv_sec - start.tv_sec) * 1000000000L + (now.tv_nsec - start.tv_nsec) <
+             kWorkNanos);
     g_profiles.fetch_add(1, std::memory_order_release);
 }
 
