@@ -32,8 +32,10 @@ void ApplicationHandler(int) {
 std::mutex g_openLock;
 void* g_openOrig = nullptr;
 std::atomic<int> g_lockedOpens{0};
-// A fault injected into open: it serialises callers on a lock of the application's.
+// A fault injected into open: it serialises callers on a lock of the application's. It pops its
+// frame, so that it runs on every call of every thread, the engine's own included.
 int LockingOpen(const char* path, int flags, ...) {
+    SHADOWHOOK_STACK_SCOPE();
     va_list arguments;
     va_start(arguments, flags);
     mode_t mode = static_cast<mode_t>(va_arg(arguments, int));
