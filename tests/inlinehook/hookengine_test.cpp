@@ -1,5 +1,5 @@
 // The engine on real functions of libm and of a hand-written test library: results through the
-// hook and through orig, the entry jump and byte-exact restore, then thousands of hook cycles
+// hook and through orig, byte-exact restore, then thousands of hook cycles
 // while other threads call the function in a tight loop, where no caller may crash or see
 // anything but the original or the replacement result; and chain nodes kept out of use for a
 // grace period.

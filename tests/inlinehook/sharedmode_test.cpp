@@ -1,7 +1,7 @@
 // How replacements behave in shared mode, as they do on a device: a replacement that never pops
 // its frame runs once per thread; the chain is walked newest first with SHADOWHOOK_CALL_PREV, also
-// while hooks are removed; orig is the original; recursion reaches the original unless
-// reentry is allowed; SHADOWHOOK_RETURN_ADDRESS names the caller.
+// while hooks are removed, and SHADOWHOOK_RETURN_ADDRESS names the caller in each replacement;
+// orig is the original; recursion reaches the original unless reentry is allowed.
 #include <atomic>
 #include <string>
 #include <thread>
