@@ -305,7 +305,8 @@ std::unique_ptr<CodePage> FarPage(uintptr_t near) {
 using PrologueRelocatorTest = inlinehooktest::SharedModeTest;
 
 // Each function is hooked through the API: only the entry jump changes (after a landing pad
-// kept in place), and it runs through the hook, through orig and after unhook. It is then
+// kept in place, which orig, called indirectly too, also begins with), and it runs through the
+// hook, through orig and after unhook. It is then
 // relocated to a trampoline beyond branch reach, which must reach everything through absolute
 // addresses; only operands addressed from the PC that cannot be loaded absolutely are refused.
 TEST_F(PrologueRelocatorTest, EachInstructionClassRunsFromNearAndFarTrampolines) {
@@ -325,6 +326,7 @@ TEST_F(PrologueRelocatorTest, EachInstructionClassRunsFromNearAndFarTrampolines)
         std::vector<uint8_t> hooked = Bytes(reinterpret_cast<void*>(address), 24);
         size_t at = JumpOffset(before);
         EXPECT_TRUE(IsEntryJump(hooked.data() + at)) << "no entry jump at +" << at;
+        EXPECT_EQ(Bytes(before.data(), at), Bytes(g_orig, at)) << "orig begins with the pad";
         for (size_t i = 0; i < before.size(); ++i) {
             if (i < at || i >= at + PrologueRelocator::kPatchSize) {
                 EXPECT_EQ(before[i], hooked[i]) << "byte +" << i << " changed";
