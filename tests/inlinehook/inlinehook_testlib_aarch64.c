@@ -2,21 +2,22 @@
 // for the AArch64 inline-hook tests. Each takes an int in w0 and returns an int in w0.
 __asm__(
     ".text\n"
+    // A global function symbol on a 16-byte boundary.
+    ".macro ih_function name\n"
+    "    .balign 16\n"
+    "    .globl \\name\n"
+    "    .type \\name, %function\n"
+    "\\name:\n"
+    ".endm\n"
 
     // Only a landing pad before the end of its symbol: no room for the jump after it.
-    ".balign 16\n"
-    ".globl ih_tiny\n"
-    ".type ih_tiny, %function\n"
-    "ih_tiny:\n"
+    "ih_function ih_tiny\n"
     "    bti c\n"
     ".size ih_tiny, .-ih_tiny\n"
     "    ret\n"
 
     // A loop back to the function's very first instruction.
-    ".balign 16\n"
-    ".globl ih_entry_loop\n"
-    ".type ih_entry_loop, %function\n"
-    "ih_entry_loop:\n"
+    "ih_function ih_entry_loop\n"
     "    sub w0, w0, #1\n"
     "    cmp w0, #0\n"
     "    b.gt ih_entry_loop\n"
@@ -25,10 +26,7 @@ __asm__(
 
     // Return-address signing at the entry, then a frame and a call: the pad stays in place and
     // the relay authenticates the return address before the replacement runs. 3x + 7.
-    ".balign 16\n"
-    ".globl ih_pac\n"
-    ".type ih_pac, %function\n"
-    "ih_pac:\n"
+    "ih_function ih_pac\n"
     "    paciasp\n"
     "    stp x29, x30, [sp, #-16]!\n"
     "    mov x29, sp\n"
@@ -46,32 +44,11 @@ __asm__(
     "    ret\n"
     ".size ih_helper_triple, .-ih_helper_triple\n"
 
-    // A BTI landing pad, then an adr of a constant it loads: x + 1000.
-    ".balign 16\n"
-    ".globl ih_bti_adr\n"
-    ".type ih_bti_adr, %function\n"
-    "ih_bti_adr:\n"
-    "    bti c\n"
-    "    adr x1, 1f\n"
-    "    ldr w1, [x1]\n"
-    "    add w0, w0, w1\n"
-    "    ret\n"
-    "1:  .word 1000\n"
-    ".size ih_bti_adr, .-ih_bti_adr\n"
-    ".section .note.GNU-stack,\"\",%progbits\n");
-
-// Entry points and branches the engine cannot see without a symbol size.
-__asm__(
-    ".text\n"
-
     // A second entry point right after another function's landing pad: x + 6 from the inner one.
-    ".balign 16\n"
-    ".globl ih_alias_outer\n"
-    ".type ih_alias_outer, %function\n"
+    "ih_function ih_alias_outer\n"
+    "    bti c\n"
     ".globl ih_alias_inner\n"
     ".type ih_alias_inner, %function\n"
-    "ih_alias_outer:\n"
-    "    bti c\n"
     "ih_alias_inner:\n"
     "    bti c\n"
     "    add w0, w0, #5\n"
@@ -82,20 +59,14 @@ __asm__(
 
     // No symbol sizes. The first loops back to the instruction after its landing pad; the second
     // returns x + 7.
-    ".balign 16\n"
-    ".globl ih_unsized_back_branch\n"
-    ".type ih_unsized_back_branch, %function\n"
-    "ih_unsized_back_branch:\n"
+    "ih_function ih_unsized_back_branch\n"
     "    bti c\n"
     "1:  sub w0, w0, #1\n"
     "    cmp w0, #0\n"
     "    b.gt 1b\n"
     "    ret\n"
 
-    ".balign 16\n"
-    ".globl ih_unsized\n"
-    ".type ih_unsized, %function\n"
-    "ih_unsized:\n"
+    "ih_function ih_unsized\n"
     "    bti c\n"
     "    add w0, w0, #3\n"
     "    add w0, w0, #4\n"
