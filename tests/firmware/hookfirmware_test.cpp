@@ -16,19 +16,6 @@ using namespace corvanetest;
 
 constexpr const char* kHookDb = "data/vendor/camera/hook.db";
 
-std::mutex g_mutex;
-std::vector<Message> g_dynamic;  // what the firmware side received
-
-void RecordDynamic(Message request, Message*) {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_dynamic.push_back(request);
-}
-
-std::vector<Message> Received() {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    return g_dynamic;
-}
-
 // "topic key=value ...", every value as it was stored (bytes separated by spaces).
 std::string Describe(const Message& message) {
     std::string text = message.topic;
@@ -50,27 +37,35 @@ std::string Describe(const Message& message) {
     return text;
 }
 
-// A sysroot with the bus and the firmware sub-module on; case 2 holds the hook with id 3.
-void Prepare(TestSysroot& sysroot) {
+std::mutex g_mutex;
+std::vector<std::string> g_dynamic;  // what the firmware side received, described
+
+void RecordDynamic(Message request, Message*) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_dynamic.push_back(Describe(request));
+}
+
+std::vector<std::string> Received() {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    return g_dynamic;
+}
+
+// The engine of the process, with a recorder standing in for the firmware side.
+HookOperation* Engine() {
+    MessageCenterClient::GetInstance()->Subscribe("dynamic", RecordDynamic);
+    return HookOperation::GetInstance();
+}
+
+// Pending commands survive a restart: they are replayed when the firmware boots.
+TEST(HookFirmwareTest, CommandsAreStoredPerTripleSentAcknowledgedReplayedAndCleared) {
+    TestSysroot sysroot;
+    // The bus and the firmware sub-module on; case 2 holds the hook with id 3.
     sysroot.InstallLibrary("com.halvern.messagecenter.so");
     sysroot.SetProperty("persist.vendor.camera.cloud.corvanesystem.modswitch", "0x10");
     sysroot.WriteFile("odm/etc/camera/corvanesystem_hook_case.json", R"({
         "HOOK_CASE": [{"case_id": 2, "case_name": "sensor2", "hook_function": ["fw_hook"]}],
         "HOOK_GROUP": [{"group_id": 1, "group_name": "fw", "case": [2]}],
         "HOOK_FUNCTION": [{"hook_id": 3, "hook_name": "fw_hook", "hook_type": 3}]})");
-}
-
-// The engine of the process, with a recorder standing in for the firmware side.
-HookOperation* Engine() {
-    HookOperation* engine = HookOperation::GetInstance();
-    MessageCenterClient::GetInstance()->Subscribe("dynamic", RecordDynamic);
-    return engine;
-}
-
-// Pending commands survive a restart: they are replayed when the firmware boots.
-TEST(HookFirmwareTest, CommandsAreStoredPerTripleSentAcknowledgedReplayedAndCleared) {
-    TestSysroot sysroot;
-    Prepare(sysroot);
     ExpectInChild([&] {
         HookOperation* engine = Engine();
         EXPECT_EQ(engine->ProcessCmds(HookFw{3, 1, 2, 3, "x"}), 0);  // unknown: not sent
@@ -93,11 +88,7 @@ TEST(HookFirmwareTest, CommandsAreStoredPerTripleSentAcknowledgedReplayedAndClea
         EXPECT_EQ(Sql(sysroot / kHookDb, "select count(*) from fault_inject_ack"), "0\n");
         EXPECT_EQ(engine->ProcessCmds(HookFw{0, 4, 5, 6, "q"}), 0);
         EXPECT_EQ(engine->ProcessCmds(HookFw{0, 7, 8, 9, "r"}), 0);
-        std::vector<std::string> sent;
-        for (const Message& message : Received()) {
-            sent.push_back(Describe(message));
-        }
-        EXPECT_EQ(sent,
+        EXPECT_EQ(Received(),
                   (std::vector<std::string>{
                       "dynamic param=first payload=0 1 2 3", "dynamic param=second payload=0 1 2 3",
                       "dynamic length=4 param=second payload=1 1 2 3",
@@ -113,8 +104,7 @@ TEST(HookFirmwareTest, CommandsAreStoredPerTripleSentAcknowledgedReplayedAndClea
         // Clearing empties the table.
         EXPECT_EQ(engine->ProcessCmds(HookFw{2, 0, 0, 0, ""}), 0);
         EXPECT_EQ(Sql(sysroot / kHookDb, "select count(*) from hook_firmware"), "0\n");
-        ASSERT_EQ(Received().size(), 1u);
-        EXPECT_EQ(Describe(Received()[0]), "dynamic length=4 payload=2 0 0 0");
+        EXPECT_EQ(Received(), std::vector<std::string>{"dynamic length=4 payload=2 0 0 0"});
     });
 }
 
