@@ -11,9 +11,7 @@
 
 namespace {
 
-using corvanetest::LogCapture;
-using corvanetest::Sql;
-using corvanetest::TempDir;
+using namespace corvanetest;
 using Table = std::vector<std::vector<std::string>>;
 
 // Lets the tests see the status word, as the table classes could.
@@ -69,7 +67,7 @@ TEST(DBOperations, AnUnusablePathOrAFailedCreationBlocksTheObject) {
     TempDir dir;
     Table result{{"stale"}};
     int nRow = 7, nCol = 8;
-    corvanetest::ScopedChdir inside(dir.path());
+    ScopedChdir inside(dir.path());
     InspectableDB empty("", {"t(x);"});
     EXPECT_EQ(empty.Status(), DB_STATUS_INIT_FAILED);
     EXPECT_EQ(empty.SQLGetTable("select 1", result, nRow, nCol), DB_BLOCKED);

@@ -12,8 +12,7 @@
 
 namespace {
 
-using corvanetest::Sql;
-using corvanetest::TempDir;
+using namespace corvanetest;
 
 // A fresh database of the table class T in a directory of its own.
 template <typename T>

@@ -9,8 +9,7 @@
 
 namespace {
 
-using corvanetest::kHookCaseFile;
-using corvanetest::TestSysroot;
+using namespace corvanetest;
 
 // With every sub-module off the engine has no database: only its model is exercised here.
 std::unique_ptr<HookOperation> EngineFor(TestSysroot& sysroot, const std::string& json) {

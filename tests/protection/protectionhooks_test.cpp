@@ -43,7 +43,7 @@ TEST(ProtectionHooksTest, SwitchesDecideWhetherTheSensorGuardIsInstalled) {
         TestSysroot sysroot;
         InstallSamples(sysroot, row.modswitch, true);
         sysroot.SetProperty(kMainSwitch, "1");
-        sysroot.SetProperty(std::string(kSchemePrefix) + "SENSORI2C", "1");
+        sysroot.SetProperty(kSchemePrefix + "SENSORI2C", "1");
         ExpectInChild([&] {
             ScopedChdir chdir(sysroot.path());
             CorvaneSystem* system = CorvaneSystemGetInstance();
@@ -82,7 +82,7 @@ TEST(ProtectionHooksTest, AFailingGroupRollsBackItsSchemeOnlyAndASchemeOffIsRemo
         {"protection_scheme": "ZOOMI2C", "hook_group_list": [{"sensor_i2c_flaky": []}]}])");
     sysroot.SetProperty(kMainSwitch, "1");
     for (const char* scheme : {"INVAILD", "ACTUATORI2C", "ZOOMI2C"}) {
-        sysroot.SetProperty(std::string(kSchemePrefix) + scheme, "1");
+        sysroot.SetProperty(kSchemePrefix + scheme, "1");
     }
     ExpectInChild([&] {
         ScopedChdir chdir(sysroot.path());
@@ -107,7 +107,7 @@ TEST(ProtectionHooksTest, AFailingGroupRollsBackItsSchemeOnlyAndASchemeOffIsRemo
 
     // Restarted with that scheme off: the engine re-installs the stored group at start-up, then
     // the protection model removes it; the scheme before it keeps its guard.
-    sysroot.SetProperty(std::string(kSchemePrefix) + "ZOOMI2C", "0");
+    sysroot.SetProperty(kSchemePrefix + "ZOOMI2C", "0");
     ExpectInChild([&] {
         ScopedChdir chdir(sysroot.path());
         CorvaneSystemGetInstance();

@@ -189,8 +189,7 @@ TEST(ProtectionImplTest, KernelSchemeIsWrittenToTheCameraModuleThroughTheControl
         SCOPED_TRACE(testing::Message() << "row " << &row - rows);
         TestSysroot sysroot;
         sysroot.SetProperty(kMainSwitch, row.mainSwitch);
-        sysroot.SetProperty(std::string(kSchemePrefix) + GetProtectionSchemeString(row.scheme),
-                            "1");
+        sysroot.SetProperty(kSchemePrefix + GetProtectionSchemeString(row.scheme), "1");
         sysroot.WriteFile(kKernelFile, "x");
         ExpectInChild([&] {
             CorvaneSystem* system = CorvaneSystemGetInstance();
