@@ -23,6 +23,10 @@ using namespace corvanetest;
 constexpr const char* kHistory = "data/vendor/camera/probe_messages.json";
 constexpr const char* kSwitch = "persist.vendor.camera.cloud.corvanesystem.monitor";
 
+ProbeMessage P(const std::string& name, const std::string& type, int64_t time, bool ok) {
+    return {name, type, time, ok};
+}
+
 // "name/type/time/ok name/type/time/fail ...": readable when an expectation fails.
 std::string Text(const std::vector<ProbeMessage>& records) {
     std::string text;
@@ -31,10 +35,6 @@ std::string Text(const std::vector<ProbeMessage>& records) {
                 std::to_string(r.probeTime) + (r.probeResult ? "/ok" : "/fail");
     }
     return text;
-}
-
-ProbeMessage P(const std::string& name, const std::string& type, int64_t time, bool ok) {
-    return {name, type, time, ok};
 }
 
 Message ProbeRequest(const ProbeMessage& r) {
@@ -121,7 +121,7 @@ TEST_F(MonitorTest, UnusableHistoryAnswersAsEmptyAndIsReplacedByTheNextSave) {
 }
 
 TEST_F(MonitorTest, SavesOnlyProbeRecordsCompactlyAndAFailedWriteKeepsTheOldHistoryWhole) {
-    const ProbeMessage r = {"imx_wide_i", "wide", 1700000000123, true};
+    const ProbeMessage r = P("imx_wide_i", "wide", 1700000000123, true);
     Message wrongTopic = ProbeRequest(r), noTime = ProbeRequest(r), timeAsText = ProbeRequest(r);
     wrongTopic.topic = "PROBE_MESSAGES";
     noTime.data.erase("probe_time");

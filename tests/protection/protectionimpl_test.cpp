@@ -1,5 +1,5 @@
 // The protection model without hook groups. The main switch and the log threshold are fixed once
-// per process, so every scenario runs in a child process.
+// per process, so every scenario that reads them runs in a child process.
 #include "core/model/protection/protectionimpl.h"
 
 #include <gtest/gtest.h>
