@@ -74,14 +74,11 @@ TEST(DatabaseFaults, TheObjectBlocksTheServiceAnswersAndTheNextStartRebuildsTheF
                 return service.LogContains("error message: " + e);
             });
         })) << service.Log();
-        EXPECT_EQ(service.CountInLog(kFailedStatement), rounds + 1);
         EXPECT_TRUE(WaitFor([&] { return !service.sysroot().Exists(kHookDb); }));
 
         // Blocked: what goes on needs no file and logs no further failure.
-        for (const char* group : {"sensor_i2c_fault", "eeprom_fault"}) {
-            EXPECT_EQ(service.Vxcdb({"corvane", "--inject", group}).exitCode, 0) << group;
-            EXPECT_EQ(service.Vxcdb({"corvane", "--inject", "result", group}).exitCode, 0) << group;
-        }
+        EXPECT_EQ(service.Vxcdb({"corvane", "--inject", "eeprom_fault"}).exitCode, 0);
+        EXPECT_EQ(service.Vxcdb({"corvane", "--inject", "result", "eeprom_fault"}).exitCode, 0);
         EXPECT_EQ(service.Vxcdb({"corvane", "--inject", "query"}).exitCode, 0);
         EXPECT_EQ(service.CountInLog(kFailedStatement), ++rounds) << service.Log();
         EXPECT_FALSE(service.sysroot().Exists(kHookDb));
@@ -95,9 +92,6 @@ TEST(DatabaseFaults, TheObjectBlocksTheServiceAnswersAndTheNextStartRebuildsTheF
         EXPECT_NE(service.ServicePid(), pid);
         EXPECT_EQ(Sql(path, "select name from sqlite_master where type='table' order by 1;"),
                   "fault_inject_ack\nhook\nhook_case\nhook_firmware\nhook_group\n");
-        struct stat info = {};
-        ASSERT_EQ(stat(path.c_str(), &info), 0);
-        EXPECT_NE(info.st_mode & S_IWUSR, 0u);
         // The groups injected before went with the file.
         EXPECT_NE(service.Vxcdb({"corvane", "--inject", "result", "motion_fault"})
                       .output.find("<unhook>"),
@@ -108,14 +102,10 @@ TEST(DatabaseFaults, TheObjectBlocksTheServiceAnswersAndTheNextStartRebuildsTheF
     EXPECT_TRUE(service.Stop()) << service.Log();
 }
 
-// Requests made to harm: arguments written to smuggle SQL into the databases, or to keep the
-// service busy for ever, and signals. Values reach SQL between single quotes, unescaped, so a
-// request whose group name, group argument or firmware argument holds a quote is refused before
-// anything runs; the database and the service go on as before.
-
-const std::string kEndless =
-    "'||(with recursive c(x) as (select 1 union all select x + 1 from c) select max(x) from c)||'";
-
+// Requests made to harm: arguments written to smuggle SQL into the databases, and signals.
+// Values reach SQL between single quotes, unescaped, so a request whose group name, group argument
+// or firmware argument holds a quote is refused before anything runs; the database and the
+// service go on as before.
 TEST(HostileRequests, QuotesAreRefusedAndOnlyTheReloadSignalsAreRaised) {
     const struct {
         std::vector<std::string> arguments;  // as typed, one word each
@@ -129,7 +119,6 @@ TEST(HostileRequests, QuotesAreRefusedAndOnlyTheReloadSignalsAreRaised) {
         // A firmware command looks its parameter up ("... and param='%s'"), then stores it.
         {{"--inject", "firmware", "0", "0", "3", "4", "x'; drop table hook_group; --"},
          "firmware argument 5 holds a single quote"},
-        {{"--inject", "firmware", "0", "0", "3", "4", "ok", kEndless}, "firmware argument 6"},
         {{"--inject", "firmware", "0", "0'", "3", "4"}, "firmware argument 2"},
     };
     SupervisedService service;
@@ -165,32 +154,27 @@ TEST(HostileRequests, QuotesAreRefusedAndOnlyTheReloadSignalsAreRaised) {
     EXPECT_EQ(kill(first, 0), 0);
     // The closed connection is the restart the signal asks for, and the tool says so. Restarts
     // asked for are not counted as crashes, and bring the injected group back in force.
-    int restarts = 0;
-    for (const std::string signal : {"6", "1", "1"}) {
+    for (const std::string signal : {"6", "1"}) {
         ProgramOutput answer = service.Vxcdb({"corvane", "--signal", signal});
         EXPECT_EQ(answer.exitCode, 0) << answer.output;
         EXPECT_NE(
             answer.output.find("signal " + signal + " raised: the camera service is restarting"),
             std::string::npos)
             << answer.output;
-        const int died = signal == "6" ? 1 : ++restarts;
-        ASSERT_TRUE(corvanetest::WaitFor([&] {
-            return service.CountInLog("camera service died by signal " + signal + ", restarting") ==
-                   died;
-        }));
+        ASSERT_TRUE(service.WaitForLog("camera service died by signal " + signal + ", restarting"));
         ASSERT_TRUE(service.WaitAnswering()) << service.Log();
     }
     EXPECT_FALSE(service.LogContains("not re-installing")) << service.Log();
     ProgramOutput result = service.Vxcdb({"corvane", "--inject", "result", "motion_fault"});
     EXPECT_NE(result.output.find("<Successfully hooked>"), std::string::npos) << result.output;
     EXPECT_TRUE(service.WaitForLog("CameraActuatorMove(512) -> -110")) << service.Log();
-    EXPECT_EQ(service.CountInLog("supervisor: camera service started"), 4);
+    EXPECT_EQ(service.CountInLog("supervisor: camera service started"), 3);
     EXPECT_TRUE(service.Stop()) << service.Log();
 }
 
 // Mistakes a user makes while writing fault cases: a fault function that crashes the service, a
-// hook-case file with typos, a request the tool cannot get an answer to. The service stays
-// reachable, and what the user sees says what went wrong and what to do.
+// hook-case file with typos. The service stays reachable, and what the user sees says what went
+// wrong and what to do.
 
 // For each {name, fault library, fault symbol}: a group of one case of one hook, all three
 // named after it, over CameraActuatorMove. Without a library the case names an undefined hook.
@@ -232,15 +216,6 @@ TEST(UserFaults, MistakesAreExplainedAndACrashingFaultIsLeftOutAfterTwoCrashedSt
                       {"ghost", "", ""},
                       {"actuator_crash", "vendor/lib64/libcorvane_crashing_fault.so",
                        "FaultActuatorMoveCrash"}}));
-    // Without a service: the hint asks whether it runs, on which sysroot.
-    ProgramOutput refused = service.Vxcdb({"corvane", "--inject", "query"});
-    EXPECT_EQ(refused.exitCode, 3);
-    EXPECT_NE(refused.output.find("hint: is the camera service running, with the vxcdb "
-                                  "sub-module on? (CORVANE_SYSROOT=" +
-                                  service.sysroot().path() + ")"),
-              std::string::npos)
-        << refused.output;
-
     service.Start();
     ASSERT_TRUE(service.WaitAnswering()) << service.Log();
     const std::string kLogNames = "Hook failed with code: 1\nhint: the service log names the hook";

@@ -62,14 +62,12 @@ class TestSysroot {
     // name).
     void InstallLibrary(const std::string& fileName, const std::string& as = "");
     void SetProperty(const std::string& name, const std::string& value);
-    void ClearProperties();
     void WriteFile(const std::string& relative, const std::string& content);
     std::string ReadFile(const std::string& relative) const;
     bool Exists(const std::string& relative) const;
     std::string propertyFile() const { return m_dir / "corvane.prop"; }
 
   private:
-    void WriteProperties();
     TempDir m_dir;
     std::map<std::string, std::string> m_properties;
     // The variables' values before, null for unset ones.
