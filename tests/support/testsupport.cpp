@@ -79,22 +79,6 @@ void TestSysroot::WriteFile(const std::string& relative, const std::string& cont
     WriteTextFile(m_dir / relative, content);
 }
 
-std::string TestSysroot::ReadFile(const std::string& relative) const {
-    return ReadTextFile(m_dir / relative);
-}
-
-bool TestSysroot::Exists(const std::string& relative) const {
-    return fs::exists(m_dir / relative);
-}
-
-ScopedChdir::ScopedChdir(const std::string& dir) : m_old(fs::current_path().string()) {
-    fs::current_path(dir);
-}
-
-ScopedChdir::~ScopedChdir() {
-    fs::current_path(m_old);
-}
-
 namespace {
 
 std::mutex g_logMutex;
@@ -167,10 +151,6 @@ int RunTestInChild(const std::function<void()>& body) {
         body();
         return ::testing::Test::HasFailure() ? 1 : 0;
     });
-}
-
-bool ChildSucceeded(int status) {
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 void ExpectInChild(const std::function<void()>& body) {
