@@ -78,12 +78,10 @@ class FakeHookOperation : public HookOperationImpl {
     }
     void UnhookAllCase() override { ++unhookAllCalls; }
     std::string GetHookName(unsigned long caseId, unsigned long hookId) override {
-        for (const auto& [hook, ids] : hookIds) {
-            if (ids == std::make_pair(caseId, hookId)) {
-                return hook;
-            }
-        }
-        return "";
+        auto named = std::find_if(hookIds.begin(), hookIds.end(), [&](const auto& hook) {
+            return hook.second == std::make_pair(caseId, hookId);
+        });
+        return named == hookIds.end() ? "" : named->first;
     }
     std::pair<unsigned long, unsigned long> GetCaseAndHookId(const std::string& hook) override {
         auto ids = hookIds.find(hook);
@@ -112,8 +110,7 @@ class FakeHookOperation : public HookOperationImpl {
     }
 };
 
-using Command = std::pair<std::string, std::vector<std::string>>;
-using Entries = std::vector<Command>;
+using Entries = std::vector<std::pair<std::string, std::vector<std::string>>>;
 
 inline VXCDBMessage Request(const std::string& module, const Entries& commands,
                             VXCDBMessage::CDBModuleType type = VXCDBMessage::CORVANE) {
@@ -261,14 +258,18 @@ class ClientSocket {
     bool m_connected = false;
 };
 
-// Threads and descriptors of this process, from /proc.
-inline std::pair<int, int> ThreadsAndDescriptors() {
-    corvanetest::ProcessFigures figures = corvanetest::FiguresOf(getpid());
-    return {figures.threads, figures.descriptors};
-}
-
 inline bool WaitConnectable(const std::string& path) {
     return corvanetest::WaitFor([&] { return ClientSocket(path).connected(); });
 }
+
+// What every channel test starts from: a device tree, a stand-in engine (not in place), a
+// controller, and the log from then on.
+class ChannelTest : public ::testing::Test {
+  protected:
+    corvanetest::TestSysroot m_sysroot;
+    FakeHookOperation m_engine;
+    Controller m_controller;
+    corvanetest::LogCapture m_log;
+};
 
 }  // namespace channeltest

@@ -9,12 +9,7 @@ namespace {
 
 using namespace channeltest;
 
-class CommandDispatch : public ::testing::Test {
-  protected:
-    corvanetest::TestSysroot m_sysroot;
-    FakeHookOperation m_engine;
-    Controller m_controller;
-};
+using CommandDispatch = ChannelTest;
 
 TEST_F(CommandDispatch, EveryCommandAnswersAsUsersExpect) {
     const Entries unknown = ErrorEntries("Unknown module");
@@ -56,15 +51,14 @@ TEST_F(CommandDispatch, EveryCommandAnswersAsUsersExpect) {
         {{{"inject", {"clear"}}}, TableEntries("result", {"<cleared>"})},
         {{{"dump", {}}}, ErrorEntries("Unknown command: dump"), "debug"},
     };
-    corvanetest::LogCapture log;
     for (const auto& c : cases) {
         EXPECT_EQ(m_controller.Run(c.commands, c.module), c.expected)
             << c.module << " " << ::testing::PrintToString(c.commands);
     }
-    EXPECT_TRUE(log.Contains("error signal type: 64")) << log.Dump();
+    EXPECT_TRUE(m_log.Contains("error signal type: 64")) << m_log.Dump();
     // The controller's methods live in several source files; their lines all name the main one.
     int lines = 0;
-    for (const corvanetest::LogLine& line : log.Lines()) {
+    for (const corvanetest::LogLine& line : m_log.Lines()) {
         if (line.tag == "[CORVANESYS]") {
             ++lines;
             EXPECT_EQ(line.message.rfind("corvanesystem.cpp:", 0), 0u) << line.message;
@@ -99,10 +93,7 @@ TEST_F(CommandDispatch, EngineCommandsAnswerWithTheirTables) {
     injected.push_back({"type", {"list"}});
     injected.push_back({group, {"g,<Successfully hooked>,<not executed>"}});
     const std::vector<std::pair<std::vector<std::string>, Entries>> rows = {
-        {{"query"},
-         TableEntries("group name,hook case,hook name",
-                      {"g,caseB,i2c_read", "other,caseB,i2c_read", "g,caseC,i2c_write",
-                       "g,caseE,unnumbered"})},
+        // (The query table, as the tool shows it: vxcdb_test.cpp.)
         {{"result"},
          TableEntries("group name,hook case,hook name,result,executed",
                       {"g,caseB,i2c_read,<Successfully hooked>,<executed>",
@@ -168,7 +159,6 @@ VXCDBMessage MessageOfSize(size_t size) {
 // length outside the payload field, bytes that are not a message) is answered with an error of
 // its own.
 TEST_F(CommandDispatch, FramesThatCannotBeAnswered) {
-    corvanetest::LogCapture log;
     VXCDBMessage largest = MessageOfSize(4095);
     VXCDBMessageString response = {};
     ASSERT_EQ(m_controller.get()->FormatSocketMsg(largest, &response), 0);
@@ -179,7 +169,8 @@ TEST_F(CommandDispatch, FramesThatCannotBeAnswered) {
     const VXCDBMessageString before = response;
     EXPECT_EQ(m_controller.get()->FormatSocketMsg(full, &response), 4);
     EXPECT_EQ(memcmp(&before, &response, sizeof(response)), 0);
-    EXPECT_TRUE(log.Contains("payload size 4096 exceeds the max payload size 4096")) << log.Dump();
+    EXPECT_TRUE(m_log.Contains("payload size 4096 exceeds the max payload size 4096"))
+        << m_log.Dump();
     VXCDBMessage decoded;
     EXPECT_TRUE(DecodeVXCDBMessage(Frame(full), &decoded));
 
@@ -187,10 +178,10 @@ TEST_F(CommandDispatch, FramesThatCannotBeAnswered) {
     EXPECT_EQ(m_controller.get()->ExecuteCommand(nullptr, &response), 5);
     EXPECT_EQ(m_controller.get()->ExecuteCommand(&request, nullptr), 5);
     EXPECT_TRUE(
-        log.Contains("Failed to execute command, pRecvMsgString or pFeedbackMsgString is null"));
+        m_log.Contains("Failed to execute command, pRecvMsgString or pFeedbackMsgString is null"));
     // Six errors carry six copies of the help text: more than one frame holds. The reply frame
     // stays all zero, which the tool reads as an empty reply.
-    request = Frame(Request("corvane", Entries(6, Command{"foo", {"x"}})));
+    request = Frame(Request("corvane", Entries(6, {"foo", {"x"}})));
     EXPECT_EQ(m_controller.get()->ExecuteCommand(&request, &response), 4);
     const char* bytes = reinterpret_cast<const char*>(&response);
     EXPECT_TRUE(std::all_of(bytes, bytes + sizeof(response), [](char c) { return c == 0; }));

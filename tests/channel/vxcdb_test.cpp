@@ -34,11 +34,7 @@ ToolRun RunServed(FakeHookOperation& engine, std::vector<std::string> arguments)
     return RunVxcdb(arguments);
 }
 
-class VxcdbTool : public ::testing::Test {
-  protected:
-    corvanetest::TestSysroot m_sysroot;
-    FakeHookOperation m_engine;
-};
+using VxcdbTool = ChannelTest;
 
 // What a user sees: the exit code, the standard output and the standard error (or a part of it).
 // Each failure has its exit code.
@@ -94,14 +90,6 @@ TEST_F(VxcdbTool, PrintsAnswersAndErrorsWhereUsersLookForThem) {
          "error: Unknown command: foo\n"
          "error: Invalid signal parameter: not a number\n\n" +
              kExpectedHelp},
-        // A mistyped module is answered by the service itself.
-        {{}, {"camera", "--help"}, 1, "", "error: Unknown module\n\n" + kExpectedHelp},
-        // The debug module answers with two frames; the first is the reply.
-        {{},
-         {"debug", "--dumpimagesensormoduledata"},
-         0,
-         "image sensor module data dump requested\n",
-         ""},
         // Mistakes in the command line are the tool's to tell, with exit code 2.
         {{}, {"corvane"}, 2, "", "Try 'vxcdb --help'"},
         {{}, {"corvane", "inject", "query"}, 2, "", "Try 'vxcdb --help'"},
