@@ -154,41 +154,6 @@ inline Entries MessageEntries(const std::string& message) {
     return {{"type", {"string"}}, {"message", {message}}};
 }
 
-// A controller as the process would create it (every property unset: every sub-module off),
-// optionally with a stand-in hook engine.
-class Controller {
-  public:
-    explicit Controller(HookOperation* engine = nullptr)
-        : m_system(static_cast<CorvaneSystemImpl*>(CorvaneSystem::Create())) {
-        CorvaneSystemImplTestPeer::SetHookOperation(m_system, engine);
-    }
-    ~Controller() {
-        CorvaneSystemImplTestPeer::SetHookOperation(m_system, nullptr);  // not ours to destroy
-        CorvaneSystem::Destroy(m_system);
-    }
-    CorvaneSystemImpl* get() const { return m_system; }
-
-    // Runs one request frame through ExecuteCommand.
-    VXCDBMessage Execute(VXCDBMessageString request) {
-        VXCDBMessageString response;
-        memset(&response, 0x5A, sizeof(response));  // garbage: the reply must be zeroed first
-        EXPECT_EQ(m_system->ExecuteCommand(&request, &response), 0);
-        VXCDBMessage reply;
-        EXPECT_TRUE(DecodeVXCDBMessage(response, &reply));
-        EXPECT_TRUE(std::all_of(response.payload + response.payloadLen,
-                                response.payload + sizeof(response.payload),
-                                [](char c) { return c == 0; }))
-            << "unused payload bytes of a reply are zero";
-        return reply;
-    }
-    Entries Run(const Entries& commands, const std::string& module = "corvane") {
-        return EntriesOf(Execute(Frame(Request(module, commands))));
-    }
-
-  private:
-    CorvaneSystemImpl* m_system;
-};
-
 // A server on `path` serving `system`, destroyed when it goes away (before the controller, when
 // declared after it).
 using ServerPtr = std::unique_ptr<Server, decltype(&Server::Destroy)>;
@@ -213,11 +178,8 @@ class ClientSocket {
     explicit ClientSocket(const std::string& path) : ClientSocket() { Connect(path); }
     bool Connect(const std::string& path) {
         sockaddr_un address = AddressOf(path);
-        m_connected =
-            connect(m_fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
-        return m_connected;
+        return connect(m_fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
     }
-    bool connected() const { return m_connected; }
     bool Send(const VXCDBMessageString& frame) { return SendInPieces(frame, {}); }
     // Sends the first `size` bytes of the frame in pieces cut at the offsets `cuts` (ascending);
     // each piece is sent only once the server has read the one before, so that the server sees
@@ -255,20 +217,41 @@ class ClientSocket {
     }
 
     ScopedFd m_fd;
-    bool m_connected = false;
 };
 
 inline bool WaitConnectable(const std::string& path) {
-    return corvanetest::WaitFor([&] { return ClientSocket(path).connected(); });
+    return corvanetest::WaitFor([&] { return ClientSocket().Connect(path); });
 }
 
-// What every channel test starts from: a device tree, a stand-in engine (not in place), a
-// controller, and the log from then on.
+// What every channel test starts from: a device tree, a controller as the process would create
+// it (every property unset: every sub-module off) and a stand-in engine to put in its place, and
+// the log from then on.
 class ChannelTest : public ::testing::Test {
   protected:
+    ~ChannelTest() override {
+        CorvaneSystemImplTestPeer::SetHookOperation(m_system, nullptr);  // not ours to destroy
+        CorvaneSystem::Destroy(m_system);
+    }
+    // Runs one request frame through ExecuteCommand.
+    VXCDBMessage Execute(VXCDBMessageString request) {
+        VXCDBMessageString response;
+        memset(&response, 0x5A, sizeof(response));  // garbage: the reply must be zeroed first
+        EXPECT_EQ(m_system->ExecuteCommand(&request, &response), 0);
+        VXCDBMessage reply;
+        EXPECT_TRUE(DecodeVXCDBMessage(response, &reply));
+        EXPECT_TRUE(std::all_of(response.payload + response.payloadLen,
+                                response.payload + sizeof(response.payload),
+                                [](char c) { return c == 0; }))
+            << "unused payload bytes of a reply are zero";
+        return reply;
+    }
+    Entries Run(const Entries& commands, const std::string& module = "corvane") {
+        return EntriesOf(Execute(Frame(Request(module, commands))));
+    }
+
     corvanetest::TestSysroot m_sysroot;
     FakeHookOperation m_engine;
-    Controller m_controller;
+    CorvaneSystemImpl* m_system = static_cast<CorvaneSystemImpl*>(CorvaneSystem::Create());
     corvanetest::LogCapture m_log;
 };
 

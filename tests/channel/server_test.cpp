@@ -65,7 +65,7 @@ double SecondsSince(std::chrono::steady_clock::time_point start) {
 TEST_F(SocketServer, OneRequestOneReplyPerConnectionUntilDestroyed) {
     std::ofstream(m_path) << "left over";
     mode_t old = umask(0);
-    Serve(m_controller.get());
+    Serve(m_system);
     umask(old);
     struct stat info = {};
     ASSERT_EQ(stat(m_path.c_str(), &info), 0);
@@ -97,11 +97,11 @@ TEST_F(SocketServer, OneRequestOneReplyPerConnectionUntilDestroyed) {
     EXPECT_TRUE(corvanetest::WaitFor([&] {
         return m_log.Contains("Failed to receive message from client: ");
     })) << m_log.Dump();
-    ClientSocket idle(m_path);
-    ASSERT_TRUE(idle.connected());
+    ClientSocket idle;
+    ASSERT_TRUE(idle.Connect(m_path));
     m_server.reset();  // returns only once the connection thread has ended
     EXPECT_EQ(idle.Peek(), 0) << "closed";
-    EXPECT_FALSE(ClientSocket(m_path).connected()) << "no longer listening";
+    EXPECT_FALSE(ClientSocket().Connect(m_path)) << "no longer listening";
 
     // Without a controller every request is echoed.
     Serve(nullptr);
@@ -110,7 +110,7 @@ TEST_F(SocketServer, OneRequestOneReplyPerConnectionUntilDestroyed) {
     // Where bind fails (no such directory), the kept bind check lets it through to listen, which
     // fails on the unbound socket: the server ends without listening.
     m_path = m_dir / "missing/vxcdb_socket";
-    m_server = StartServer(m_path, m_controller.get());
+    m_server = StartServer(m_path, m_system);
     EXPECT_TRUE(corvanetest::WaitFor([&] { return m_log.Count("Run() End") == 3; }))
         << m_log.Dump();
     EXPECT_TRUE(m_log.Contains("Failed to listen on socket, error: "));
@@ -133,7 +133,7 @@ TEST_F(SocketServer, IdlePeersHoldNoMoreThanTheCapAndOnlyUntilTheDeadline) {
         return std::make_pair(now.threads, now.descriptors);
     };
     const std::pair<int, int> alone = figures();
-    Serve(m_controller.get());
+    Serve(m_system);
 
     VXCDBMessageString unreadable = kHelp;
     unreadable.payloadLen = 5000;
@@ -149,8 +149,8 @@ TEST_F(SocketServer, IdlePeersHoldNoMoreThanTheCapAndOnlyUntilTheDeadline) {
 
     const auto start = std::chrono::steady_clock::now();
     for (int i = 1; i < kIdle; ++i) {
-        idle.push_back(std::make_unique<ClientSocket>(m_path));
-        ASSERT_TRUE(idle.back()->connected()) << i;
+        idle.push_back(std::make_unique<ClientSocket>());
+        ASSERT_TRUE(idle.back()->Connect(m_path)) << i;
     }
     ASSERT_TRUE(idle[1]->Send(unreadable));
     auto closed = [&] {
@@ -185,7 +185,7 @@ TEST_F(SocketServer, ThreadThatCannotStartOrAcceptThatFailsCostsOnlyThatConnecti
                         "needs descriptors of its own (pipes to probe memory, the symbolizer's)";
     }
     corvanetest::ExpectInChild([&] {
-        Serve(m_controller.get());
+        Serve(m_system);
         ASSERT_EQ(Exchange(kHelp).size(), 1u);
         rlimit saved = {};
         ASSERT_EQ(getrlimit(RLIMIT_AS, &saved), 0);
