@@ -180,12 +180,11 @@ class ClientSocket {
         sockaddr_un address = AddressOf(path);
         return connect(m_fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
     }
-    bool Send(const VXCDBMessageString& frame) { return SendInPieces(frame, {}); }
-    // Sends the first `size` bytes of the frame in pieces cut at the offsets `cuts` (ascending);
+    // Sends the first `size` bytes of the frame, in pieces cut at the offsets `cuts` (ascending);
     // each piece is sent only once the server has read the one before, so that the server sees
     // them apart.
-    bool SendInPieces(const VXCDBMessageString& frame, const std::vector<size_t>& cuts,
-                      size_t size = sizeof(VXCDBMessageString)) {
+    bool Send(const VXCDBMessageString& frame, const std::vector<size_t>& cuts = {},
+              size_t size = sizeof(VXCDBMessageString)) {
         const char* bytes = reinterpret_cast<const char*>(&frame);
         size_t from = 0;
         for (size_t to : cuts) {
