@@ -46,13 +46,12 @@ TEST_F(VxcdbTool, PrintsAnswersAndErrorsWhereUsersLookForThem) {
     sockaddr_un address = AddressOf(silent);
     ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
     ASSERT_EQ(listen(listener.get(), 4), 0);
-    using Injection = std::pair<std::string, std::vector<std::string>>;
     const struct {
         std::vector<std::vector<std::string>> relations;  // group, case, hook
         std::vector<std::string> arguments;
         int exitCode;
         std::string out, err;
-        std::vector<Injection> injected = {};
+        decltype(FakeHookOperation::injected) injected = {};
     } cases[] = {
         {{}, {"corvane", "--help"}, 0, kExpectedHelp, ""},
         // Columns as wide as their widest cell, headers centred.
