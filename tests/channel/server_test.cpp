@@ -175,16 +175,43 @@ TEST_F(SocketServer, IdlePeersHoldNoMoreThanTheCapAndOnlyUntilTheDeadline) {
     EXPECT_EQ(Exchange(kHelp).size(), 1u);
 }
 
-// Out of descriptors, accept fails again and again: the server backs off, folds the failures into
-// one line a second, goes on, and answers again once descriptors are back.
-TEST_F(SocketServer, AcceptThatFailsBacksOffAndRecovers) {
+// Out of address space, a connection whose thread cannot start is closed and costs nothing
+// more. Out of descriptors, accept fails again and again: the server backs off, folds the
+// failures into one line a second, goes on, and answers again once descriptors are back.
+TEST_F(SocketServer, ThreadThatCannotStartOrAcceptThatFailsCostsOnlyThatConnection) {
     if (corvanetest::kUnderSanitizer) {
-        GTEST_SKIP() << "a sanitizer's runtime needs descriptors of its own (pipes to probe "
-                        "memory, the symbolizer's)";
+        GTEST_SKIP() << "a sanitizer's runtime cannot run under a tight address-space limit, and "
+                        "needs descriptors of its own (pipes to probe memory, the symbolizer's)";
     }
     corvanetest::ExpectInChild([&] {
         Serve(m_system);
+        ASSERT_EQ(Exchange(kHelp).size(), 1u);
         rlimit saved = {};
+        ASSERT_EQ(getrlimit(RLIMIT_AS, &saved), 0);
+        rlimit low = saved;
+        // Room for small allocations, none for a new thread stack (8 MiB).
+        long pages = 0;
+        std::ifstream("/proc/self/statm") >> pages;
+        low.rlim_cur = static_cast<rlim_t>(pages * sysconf(_SC_PAGESIZE) + (1 << 20));
+        ASSERT_EQ(setrlimit(RLIMIT_AS, &low), 0);
+        // A freed stack may be reused once; a new one cannot be mapped.
+        const std::string noThread = "Failed to start the client thread";
+        std::vector<std::unique_ptr<ClientSocket>> peers;
+        auto outcomes = [&] {
+            return m_log.Count(noThread) + m_log.Count("The client thread is ready to start");
+        };
+        const int before = outcomes();
+        while (!m_log.Contains(noThread) && peers.size() < 8) {
+            peers.push_back(std::make_unique<ClientSocket>(m_path));
+            ASSERT_TRUE(corvanetest::WaitFor(
+                [&] { return outcomes() == before + static_cast<int>(peers.size()); }));
+        }
+        ASSERT_TRUE(m_log.Contains(noThread));
+        EXPECT_TRUE(corvanetest::WaitFor([&] { return peers.back()->Peek() == 0; }));
+        ASSERT_EQ(setrlimit(RLIMIT_AS, &saved), 0);
+        EXPECT_EQ(Exchange(kHelp).size(), 1u);
+        EXPECT_EQ(m_log.Count(noThread), 1);
+
         ClientSocket waiting;  // its descriptor is taken while there are some
         ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
         // The limit sits below every descriptor the process holds, the standard three kept open:
