@@ -2,6 +2,7 @@
 // subscriptions and the bus client are per process: each scenario runs in its own child.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -104,6 +105,14 @@ TEST(HookFirmwareTest, CommandsAreStoredPerTripleSentAcknowledgedReplayedAndClea
         EXPECT_EQ(engine->ProcessCmds(HookFw{2, 0, 0, 0, ""}), 0);
         EXPECT_EQ(Sql(sysroot / kHookDbFile, "select count(*) from hook_firmware"), "0\n");
         EXPECT_EQ(Received(), std::vector<std::string>{"dynamic length=4 payload=2 0 0 0"});
+    });
+    // Without the firmware switch there is no database: clearing succeeds and sends nothing.
+    sysroot.SetProperty(kModSwitchProperty, "0");
+    std::filesystem::remove(sysroot / kHookDbFile);
+    ExpectInChild([&] {
+        EXPECT_EQ(Engine()->ProcessCmds(HookFw{2, 0, 0, 0, ""}), 0);
+        EXPECT_TRUE(Received().empty());
+        EXPECT_FALSE(std::filesystem::exists(sysroot / kHookDbFile));
     });
 }
 
