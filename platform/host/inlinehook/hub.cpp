@@ -85,6 +85,7 @@ bool Hub::Remove(uintptr_t proxy) {
             node->enabled.store(false, std::memory_order_release);
             link->store(node->next.load(std::memory_order_relaxed), std::memory_order_release);
             node->retiredAt = std::chrono::steady_clock::now();
+            node->removal.store(++m_removals, std::memory_order_release);
             m_retired.push_back(node);
             return true;
         }
@@ -129,16 +130,26 @@ inline bool Hub::NextLive(uintptr_t proxy, uintptr_t* next) const {
 }
 
 bool Hub::NextRemoved(uintptr_t proxy, uintptr_t* next) const {
-    // Removed while it ran: its node still leads on to what was older than it.
+    // Removed while it ran: its node still leads on to what was older than it. A replacement
+    // added and removed again leaves a node each time, whose chains may be long gone; the thread
+    // stands on the one removed last, so that one decides.
+    const Node* latest = nullptr;
+    uint64_t latestRemoval = 0;
     for (const Node* node = m_allNodes.load(std::memory_order_acquire); node != nullptr;
          node = node->allNext) {
-        if (node->proxy.load(std::memory_order_relaxed) == proxy) {
-            uintptr_t older = FirstEnabledFrom(node->next.load(std::memory_order_acquire));
-            *next = older != 0 ? older : m_orig;
-            return true;
+        uint64_t removal = node->removal.load(std::memory_order_acquire);
+        if (node->proxy.load(std::memory_order_relaxed) == proxy &&
+            (latest == nullptr || removal > latestRemoval)) {
+            latest = node;
+            latestRemoval = removal;
         }
     }
-    return false;
+    if (latest == nullptr) {
+        return false;
+    }
+    uintptr_t older = FirstEnabledFrom(latest->next.load(std::memory_order_acquire));
+    *next = older != 0 ? older : m_orig;
+    return true;
 }
 
 bool Hub::FindNext(uintptr_t proxy, uintptr_t* next) {
