@@ -78,12 +78,10 @@ class FakeHookOperation : public HookOperationImpl {
     }
     void UnhookAllCase() override { ++unhookAllCalls; }
     std::string GetHookName(unsigned long caseId, unsigned long hookId) override {
-        for (const auto& [hook, ids] : hookIds) {
-            if (ids == std::make_pair(caseId, hookId)) {
-                return hook;
-            }
-        }
-        return "";
+        auto named = std::find_if(hookIds.begin(), hookIds.end(), [&](const auto& hook) {
+            return hook.second == std::make_pair(caseId, hookId);
+        });
+        return named == hookIds.end() ? "" : named->first;
     }
     std::pair<unsigned long, unsigned long> GetCaseAndHookId(const std::string& hook) override {
         auto ids = hookIds.find(hook);
@@ -112,8 +110,7 @@ class FakeHookOperation : public HookOperationImpl {
     }
 };
 
-using Command = std::pair<std::string, std::vector<std::string>>;
-using Entries = std::vector<Command>;
+using Entries = std::vector<std::pair<std::string, std::vector<std::string>>>;
 
 inline VXCDBMessage Request(const std::string& module, const Entries& commands,
                             VXCDBMessage::CDBModuleType type = VXCDBMessage::CORVANE) {
@@ -157,41 +154,6 @@ inline Entries MessageEntries(const std::string& message) {
     return {{"type", {"string"}}, {"message", {message}}};
 }
 
-// A controller as the process would create it (every property unset: every sub-module off),
-// optionally with a stand-in hook engine.
-class Controller {
-  public:
-    explicit Controller(HookOperation* engine = nullptr)
-        : m_system(static_cast<CorvaneSystemImpl*>(CorvaneSystem::Create())) {
-        CorvaneSystemImplTestPeer::SetHookOperation(m_system, engine);
-    }
-    ~Controller() {
-        CorvaneSystemImplTestPeer::SetHookOperation(m_system, nullptr);  // not ours to destroy
-        CorvaneSystem::Destroy(m_system);
-    }
-    CorvaneSystemImpl* get() const { return m_system; }
-
-    // Runs one request frame through ExecuteCommand.
-    VXCDBMessage Execute(VXCDBMessageString request) {
-        VXCDBMessageString response;
-        memset(&response, 0x5A, sizeof(response));  // garbage: the reply must be zeroed first
-        EXPECT_EQ(m_system->ExecuteCommand(&request, &response), 0);
-        VXCDBMessage reply;
-        EXPECT_TRUE(DecodeVXCDBMessage(response, &reply));
-        EXPECT_TRUE(std::all_of(response.payload + response.payloadLen,
-                                response.payload + sizeof(response.payload),
-                                [](char c) { return c == 0; }))
-            << "unused payload bytes of a reply are zero";
-        return reply;
-    }
-    Entries Run(const Entries& commands, const std::string& module = "corvane") {
-        return EntriesOf(Execute(Frame(Request(module, commands))));
-    }
-
-  private:
-    CorvaneSystemImpl* m_system;
-};
-
 // A server on `path` serving `system`, destroyed when it goes away (before the controller, when
 // declared after it).
 using ServerPtr = std::unique_ptr<Server, decltype(&Server::Destroy)>;
@@ -216,17 +178,13 @@ class ClientSocket {
     explicit ClientSocket(const std::string& path) : ClientSocket() { Connect(path); }
     bool Connect(const std::string& path) {
         sockaddr_un address = AddressOf(path);
-        m_connected =
-            connect(m_fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
-        return m_connected;
+        return connect(m_fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
     }
-    bool connected() const { return m_connected; }
-    bool Send(const VXCDBMessageString& frame) { return SendInPieces(frame, {}); }
-    // Sends the first `size` bytes of the frame in pieces cut at the offsets `cuts` (ascending);
+    // Sends the first `size` bytes of the frame, in pieces cut at the offsets `cuts` (ascending);
     // each piece is sent only once the server has read the one before, so that the server sees
     // them apart.
-    bool SendInPieces(const VXCDBMessageString& frame, const std::vector<size_t>& cuts,
-                      size_t size = sizeof(VXCDBMessageString)) {
+    bool Send(const VXCDBMessageString& frame, const std::vector<size_t>& cuts = {},
+              size_t size = sizeof(VXCDBMessageString)) {
         const char* bytes = reinterpret_cast<const char*>(&frame);
         size_t from = 0;
         for (size_t to : cuts) {
@@ -258,17 +216,42 @@ class ClientSocket {
     }
 
     ScopedFd m_fd;
-    bool m_connected = false;
 };
 
-// Threads and descriptors of this process, from /proc.
-inline std::pair<int, int> ThreadsAndDescriptors() {
-    corvanetest::ProcessFigures figures = corvanetest::FiguresOf(getpid());
-    return {figures.threads, figures.descriptors};
+inline bool WaitConnectable(const std::string& path) {
+    return corvanetest::WaitFor([&] { return ClientSocket().Connect(path); });
 }
 
-inline bool WaitConnectable(const std::string& path) {
-    return corvanetest::WaitFor([&] { return ClientSocket(path).connected(); });
-}
+// What every channel test starts from: a device tree, a controller as the process would create
+// it (every property unset: every sub-module off) and a stand-in engine to put in its place, and
+// the log from then on.
+class ChannelTest : public ::testing::Test {
+  protected:
+    ~ChannelTest() override {
+        CorvaneSystemImplTestPeer::SetHookOperation(m_system, nullptr);  // not ours to destroy
+        CorvaneSystem::Destroy(m_system);
+    }
+    // Runs one request frame through ExecuteCommand.
+    VXCDBMessage Execute(VXCDBMessageString request) {
+        VXCDBMessageString response;
+        memset(&response, 0x5A, sizeof(response));  // garbage: the reply must be zeroed first
+        EXPECT_EQ(m_system->ExecuteCommand(&request, &response), 0);
+        VXCDBMessage reply;
+        EXPECT_TRUE(DecodeVXCDBMessage(response, &reply));
+        EXPECT_TRUE(std::all_of(response.payload + response.payloadLen,
+                                response.payload + sizeof(response.payload),
+                                [](char c) { return c == 0; }))
+            << "unused payload bytes of a reply are zero";
+        return reply;
+    }
+    Entries Run(const Entries& commands, const std::string& module = "corvane") {
+        return EntriesOf(Execute(Frame(Request(module, commands))));
+    }
+
+    corvanetest::TestSysroot m_sysroot;
+    FakeHookOperation m_engine;
+    CorvaneSystemImpl* m_system = static_cast<CorvaneSystemImpl*>(CorvaneSystem::Create());
+    corvanetest::LogCapture m_log;
+};
 
 }  // namespace channeltest

@@ -22,22 +22,18 @@ ToolRun RunVxcdb(std::vector<std::string> arguments) {
     return {run.exitCode, run.output, corvanetest::ReadTextFile(dir / "err")};
 }
 
-// Runs the tool against a fresh server whose stand-in engine was prepared beforehand; the server
-// has stopped (its threads have finished) when this returns, so the engine's record can be read.
-ToolRun RunServed(FakeHookOperation& engine, std::vector<std::string> arguments) {
-    corvanetest::TempDir dir;
-    const std::string path = dir / "s";
-    Controller controller(&engine);
-    ServerPtr server = StartServer(path, controller.get());
-    EXPECT_TRUE(WaitConnectable(path));
-    arguments.insert(arguments.begin(), {"--socket", path});
-    return RunVxcdb(arguments);
-}
-
-class VxcdbTool : public ::testing::Test {
+class VxcdbTool : public ChannelTest {
   protected:
-    corvanetest::TestSysroot m_sysroot;
-    FakeHookOperation m_engine;
+    // Runs the tool against a fresh server with `engine` in place; the server has stopped (its
+    // threads have finished) when this returns, so the engine's record can be read.
+    ToolRun RunServed(FakeHookOperation& engine, std::vector<std::string> arguments) {
+        CorvaneSystemImplTestPeer::SetHookOperation(m_system, &engine);
+        const std::string path = m_sysroot / "s";
+        ServerPtr server = StartServer(path, m_system);
+        EXPECT_TRUE(WaitConnectable(path));
+        arguments.insert(arguments.begin(), {"--socket", path});
+        return RunVxcdb(arguments);
+    }
 };
 
 // What a user sees: the exit code, the standard output and the standard error (or a part of it).
@@ -45,19 +41,17 @@ class VxcdbTool : public ::testing::Test {
 TEST_F(VxcdbTool, PrintsAnswersAndErrorsWhereUsersLookForThem) {
     // A server that never answers, as it does for a request it cannot read: its connection is
     // accepted by the kernel and left unread.
-    corvanetest::TempDir dir;
-    const std::string silent = dir / "silent";
+    const std::string silent = m_sysroot / "silent";
     ScopedFd listener(socket(AF_UNIX, SOCK_STREAM, 0));
     sockaddr_un address = AddressOf(silent);
     ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
     ASSERT_EQ(listen(listener.get(), 4), 0);
-    using Injection = std::pair<std::string, std::vector<std::string>>;
     const struct {
         std::vector<std::vector<std::string>> relations;  // group, case, hook
         std::vector<std::string> arguments;
         int exitCode;
         std::string out, err;
-        std::vector<Injection> injected = {};
+        decltype(FakeHookOperation::injected) injected = {};
     } cases[] = {
         {{}, {"corvane", "--help"}, 0, kExpectedHelp, ""},
         // Columns as wide as their widest cell, headers centred.
@@ -94,14 +88,6 @@ TEST_F(VxcdbTool, PrintsAnswersAndErrorsWhereUsersLookForThem) {
          "error: Unknown command: foo\n"
          "error: Invalid signal parameter: not a number\n\n" +
              kExpectedHelp},
-        // A mistyped module is answered by the service itself.
-        {{}, {"camera", "--help"}, 1, "", "error: Unknown module\n\n" + kExpectedHelp},
-        // The debug module answers with two frames; the first is the reply.
-        {{},
-         {"debug", "--dumpimagesensormoduledata"},
-         0,
-         "image sensor module data dump requested\n",
-         ""},
         // Mistakes in the command line are the tool's to tell, with exit code 2.
         {{}, {"corvane"}, 2, "", "Try 'vxcdb --help'"},
         {{}, {"corvane", "inject", "query"}, 2, "", "Try 'vxcdb --help'"},
@@ -110,7 +96,7 @@ TEST_F(VxcdbTool, PrintsAnswersAndErrorsWhereUsersLookForThem) {
         {{}, {"--verbose", "corvane", "--help"}, 2, "", "Try 'vxcdb --help'"},
         // Six errors, each with the help text: an answer too large for one frame comes empty.
         {{}, {"corvane", "--a", "--b", "--c", "--d", "--e", "--f"}, 5, "", "empty reply"},
-        {{}, {"--socket", dir / "nothing", "corvane", "--help"}, 3, "", "cannot connect"},
+        {{}, {"--socket", m_sysroot / "nothing", "corvane", "--help"}, 3, "", "cannot connect"},
         {{}, {"--timeout", "0.2", "--socket", silent, "corvane", "--help"}, 4, "", "no reply"},
     };
     for (const auto& c : cases) {
@@ -165,7 +151,7 @@ TEST(VxcdbToolAlone, SwitchedOnControllerServesTheDefaultSocketUntilDestroyed) {
         EXPECT_EQ(RunVxcdb({"debug", "--dumpimagesensormoduledata"}).exitCode, 0);
         EXPECT_EQ(RunVxcdb({"debug", "--dumpimagesensormoduledata", "sensor", "0"}).exitCode, 0);
         CorvaneSystem::Destroy(system);  // its connection threads have ended
-        EXPECT_FALSE(ClientSocket(path).connected());
+        EXPECT_FALSE(ClientSocket().Connect(path));
         ASSERT_EQ(g_dumpRequests.size(), 2u);
         std::string command, param;
         EXPECT_TRUE(GetStringData(g_dumpRequests[0], "command", &command));

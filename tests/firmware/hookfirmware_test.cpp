@@ -8,26 +8,11 @@
 
 #include "core/messagecenter/messagecenterclient.h"
 #include "core/model/hook/hookoperation.h"
-#include "tests/support/testsupport.h"
+#include "tests/support/samplesysroot.h"
 
 namespace {
 
 using namespace corvanetest;
-
-constexpr const char* kHookDb = "data/vendor/camera/hook.db";
-
-std::mutex g_mutex;
-std::vector<Message> g_dynamic;  // what the firmware side received
-
-void RecordDynamic(Message request, Message*) {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_dynamic.push_back(request);
-}
-
-std::vector<Message> Received() {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    return g_dynamic;
-}
 
 // "topic key=value ...", every value as it was stored (bytes separated by spaces).
 std::string Describe(const Message& message) {
@@ -50,33 +35,41 @@ std::string Describe(const Message& message) {
     return text;
 }
 
-// A sysroot with the bus and the firmware sub-module on; case 2 holds the hook with id 3.
-void Prepare(TestSysroot& sysroot) {
-    sysroot.InstallLibrary("com.halvern.messagecenter.so");
-    sysroot.SetProperty("persist.vendor.camera.cloud.corvanesystem.modswitch", "0x10");
-    sysroot.WriteFile("odm/etc/camera/corvanesystem_hook_case.json", R"({
-        "HOOK_CASE": [{"case_id": 2, "case_name": "sensor2", "hook_function": ["fw_hook"]}],
-        "HOOK_GROUP": [{"group_id": 1, "group_name": "fw", "case": [2]}],
-        "HOOK_FUNCTION": [{"hook_id": 3, "hook_name": "fw_hook", "hook_type": 3}]})");
+std::mutex g_mutex;
+std::vector<std::string> g_dynamic;  // what the firmware side received, described
+
+void RecordDynamic(Message request, Message*) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_dynamic.push_back(Describe(request));
+}
+
+std::vector<std::string> Received() {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    return g_dynamic;
 }
 
 // The engine of the process, with a recorder standing in for the firmware side.
 HookOperation* Engine() {
-    HookOperation* engine = HookOperation::GetInstance();
     MessageCenterClient::GetInstance()->Subscribe("dynamic", RecordDynamic);
-    return engine;
+    return HookOperation::GetInstance();
 }
 
 // Pending commands survive a restart: they are replayed when the firmware boots.
 TEST(HookFirmwareTest, CommandsAreStoredPerTripleSentAcknowledgedReplayedAndCleared) {
     TestSysroot sysroot;
-    Prepare(sysroot);
+    // The bus and the firmware sub-module on; case 2 holds the hook with id 3.
+    sysroot.InstallLibrary("com.halvern.messagecenter.so");
+    sysroot.SetProperty(kModSwitchProperty, "0x10");
+    sysroot.WriteFile(kHookCaseFile, R"({
+        "HOOK_CASE": [{"case_id": 2, "case_name": "sensor2", "hook_function": ["fw_hook"]}],
+        "HOOK_GROUP": [{"group_id": 1, "group_name": "fw", "case": [2]}],
+        "HOOK_FUNCTION": [{"hook_id": 3, "hook_name": "fw_hook", "hook_type": 3}]})");
     ExpectInChild([&] {
         HookOperation* engine = Engine();
         EXPECT_EQ(engine->ProcessCmds(HookFw{3, 1, 2, 3, "x"}), 0);  // unknown: not sent
         EXPECT_EQ(engine->ProcessCmds(HookFw{0, 1, 2, 3, "first"}), 0);
         EXPECT_EQ(engine->ProcessCmds(HookFw{0, 1, 2, 3, "second"}), 0);
-        EXPECT_EQ(Sql(sysroot / kHookDb, "select * from hook_firmware"), "1|2|3|second\n");
+        EXPECT_EQ(Sql(sysroot / kHookDbFile, "select * from hook_firmware"), "1|2|3|second\n");
 
         // Of each acknowledgement value only the low 8 bits count.
         Message ack("FaultInjectAck", {{"cameraid", MakeInt32Data(0x101)},
@@ -86,18 +79,15 @@ TEST(HookFirmwareTest, CommandsAreStoredPerTripleSentAcknowledgedReplayedAndClea
         Message reply;
         MessageCenterClient::GetInstance()->SendMessage(ack, &reply);
         EXPECT_TRUE(engine->IsHookStatus("fw_hook"));
-        EXPECT_EQ(Sql(sysroot / kHookDb, "select * from fault_inject_ack"), "fw_hook|1|2|3|0x10\n");
+        EXPECT_EQ(Sql(sysroot / kHookDbFile, "select * from fault_inject_ack"),
+                  "fw_hook|1|2|3|0x10\n");
 
         // Removing the command also deletes its acknowledgement.
         EXPECT_EQ(engine->ProcessCmds(HookFw{1, 1, 2, 3, "second"}), 0);
-        EXPECT_EQ(Sql(sysroot / kHookDb, "select count(*) from fault_inject_ack"), "0\n");
+        EXPECT_EQ(Sql(sysroot / kHookDbFile, "select count(*) from fault_inject_ack"), "0\n");
         EXPECT_EQ(engine->ProcessCmds(HookFw{0, 4, 5, 6, "q"}), 0);
         EXPECT_EQ(engine->ProcessCmds(HookFw{0, 7, 8, 9, "r"}), 0);
-        std::vector<std::string> sent;
-        for (const Message& message : Received()) {
-            sent.push_back(Describe(message));
-        }
-        EXPECT_EQ(sent,
+        EXPECT_EQ(Received(),
                   (std::vector<std::string>{
                       "dynamic param=first payload=0 1 2 3", "dynamic param=second payload=0 1 2 3",
                       "dynamic length=4 param=second payload=1 1 2 3",
@@ -112,9 +102,8 @@ TEST(HookFirmwareTest, CommandsAreStoredPerTripleSentAcknowledgedReplayedAndClea
                   "bootInjectAck length=6 param_0=q param_1=r payload=4 5 6 7 8 9");
         // Clearing empties the table.
         EXPECT_EQ(engine->ProcessCmds(HookFw{2, 0, 0, 0, ""}), 0);
-        EXPECT_EQ(Sql(sysroot / kHookDb, "select count(*) from hook_firmware"), "0\n");
-        ASSERT_EQ(Received().size(), 1u);
-        EXPECT_EQ(Describe(Received()[0]), "dynamic length=4 payload=2 0 0 0");
+        EXPECT_EQ(Sql(sysroot / kHookDbFile, "select count(*) from hook_firmware"), "0\n");
+        EXPECT_EQ(Received(), std::vector<std::string>{"dynamic length=4 payload=2 0 0 0"});
     });
 }
 

@@ -3,14 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <tuple>
 
-#include "tests/support/testsupport.h"
+#include "tests/support/samplesysroot.h"
 
 namespace {
 
-using corvanetest::TestSysroot;
-
-constexpr const char* kHookCaseFile = "odm/etc/camera/corvanesystem_hook_case.json";
+using namespace corvanetest;
 
 // With every sub-module off the engine has no database: only its model is exercised here.
 std::unique_ptr<HookOperation> EngineFor(TestSysroot& sysroot, const std::string& json) {
@@ -56,9 +55,8 @@ TEST(HookConfigTest, ReadsGroupsCasesAndHooksWithTheirOverrideRulesAndListsThemI
     EXPECT_EQ(info.hook_cases[HOOK_ID_NONE].case_name, "anonymous");
     ASSERT_EQ(info.hooks.size(), 2u);
     // The last hook of a name replaces the earlier one whole.
-    EXPECT_EQ(info.hooks["a"].hook_id, 2u);
-    EXPECT_EQ(info.hooks["a"].hook_type, 4);
-    EXPECT_EQ(info.hooks["a"].function_type, 0);
+    const Hook& a = info.hooks["a"];
+    EXPECT_EQ(std::make_tuple(a.hook_id, a.hook_type, a.function_type), std::make_tuple(2u, 4, 0));
     EXPECT_EQ(info.hooks["b"].target_function_symbol, "t");
 }
 

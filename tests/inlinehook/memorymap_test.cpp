@@ -2,6 +2,7 @@
 // without taking the room the heap and the main stack grow into.
 #include "platform/host/inlinehook/memorymap.h"
 
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
@@ -65,6 +66,15 @@ TEST(MemoryMapTest, ParsesTheMapAndFindsFreeBlocksWithinReachNearestFirstLeaving
     // Right below the library is the nearest free space.
     std::vector<uintptr_t> nearLibrary = map.FreeBlocksNear(0x7f0000030000, size, 2 * kGiB);
     EXPECT_EQ(0x7f0000000000u - size, nearLibrary.front());
+}
+
+// A stale EINTR left by the caller must not make a successful read of the live map look
+// interrupted (which would drop what was read, or spin at the end of the file).
+TEST(MemoryMapTest, LoadsThisProcessMapWhateverErrnoHolds) {
+    MemoryMap map;
+    errno = EINTR;
+    ASSERT_TRUE(map.Load().ok());
+    EXPECT_NE(nullptr, map.Find(reinterpret_cast<uintptr_t>(kMaps)));
 }
 
 }  // namespace

@@ -8,7 +8,7 @@ namespace {
 
 using corvanetest::TestSysroot;
 
-TEST(PropertiesTest, ConvertsLikeTheDevice) {
+TEST(PropertiesTest, ConvertsLikeTheDeviceFromTheFileAsItIsNow) {
     TestSysroot sysroot;
     const std::pair<const char*, int32_t> cases[] = {
         {"0x103E8", 0x103E8}, {"010", 8},
@@ -20,10 +20,7 @@ TEST(PropertiesTest, ConvertsLikeTheDevice) {
         sysroot.SetProperty("persist.test.value", value);
         EXPECT_EQ(property_get_int32("persist.test.value", -7), expected) << value;
     }
-}
-
-TEST(PropertiesTest, ReadsTheFileAfreshOnEveryCallAndAbsenceMeansTheDefault) {
-    TestSysroot sysroot;
+    // The file is read afresh on every call; without it every property has its default.
     sysroot.WriteFile("corvane.prop",
                       "# comment\n\n persist.a = 3 \npersist.b=4\npersist.a=5\nnot a line\n");
     EXPECT_EQ(property_get_int32("persist.a", 0), 5);  // the last line wins

@@ -25,37 +25,30 @@ constexpr uint16_t kModeSelect = 0x0100;  // protected by the sample scheme; bey
 constexpr uint16_t kSoftReset = 0x0103;   // 256 registers, so unguarded writes give -EINVAL
 
 using WriteFunction = int (*)(uint16_t, uint16_t, uint16_t);
-using MoveFunction = int (*)(int32_t);
-using EepromFunction = int (*)(uint32_t, uint8_t*, uint32_t);
 
 TEST(ProtectionHooksTest, SwitchesDecideWhetherTheSensorGuardIsInstalled) {
-    struct Row {
+    // The sensor scheme and the main switch on; installing also needs coreload and monitr.
+    const struct {
         const char* what;
         const char* modswitch;
-        const char* mainSwitch;
-        const char* sensorScheme;
-        bool opened;  // the switch alone; installing also needs coreload and monitr
         bool installed;
+    } rows[] = {
+        {"hook library initialised by the controller", "0x8E", true},
+        {"hook library initialised by the protection model", "0x86", true},
+        {"coreload off", "0x0E", false},
+        {"monitr off", "0x8C", false},
     };
-    const Row rows[] = {
-        {"hook library initialised by the controller", "0x8E", "1", "1", true, true},
-        {"hook library initialised by the protection model", "0x86", "1", "1", true, true},
-        {"coreload off", "0x0E", "1", "1", true, false},
-        {"monitr off", "0x8C", "1", "1", true, false},
-        {"main switch off", "0x8E", "0", "1", false, false},
-    };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
         TestSysroot sysroot;
         InstallSamples(sysroot, row.modswitch, true);
-        sysroot.SetProperty(kMainSwitch, row.mainSwitch);
-        sysroot.SetProperty(std::string(kSchemePrefix) + "SENSORI2C", row.sensorScheme);
+        sysroot.SetProperty(kMainSwitch, "1");
+        sysroot.SetProperty(kSchemePrefix + "SENSORI2C", "1");
         ExpectInChild([&] {
             ScopedChdir chdir(sysroot.path());
             CorvaneSystem* system = CorvaneSystemGetInstance();
             auto write = SampleSensor<WriteFunction>("CameraSensorI2CWrite");
-            ASSERT_NE(write, nullptr);
-            EXPECT_EQ(system->IsSwitchOpened(ProtectionScheme::SENSORI2C), row.opened);
+            EXPECT_TRUE(system->IsSwitchOpened(ProtectionScheme::SENSORI2C));
             if (!row.installed) {
                 EXPECT_EQ(write(kSlave, kModeSelect, 1), -EINVAL);  // the sensor's own answer
                 EXPECT_FALSE(sysroot.Exists(kBigDataReportFile));
@@ -89,7 +82,7 @@ TEST(ProtectionHooksTest, AFailingGroupRollsBackItsSchemeOnlyAndASchemeOffIsRemo
         {"protection_scheme": "ZOOMI2C", "hook_group_list": [{"sensor_i2c_flaky": []}]}])");
     sysroot.SetProperty(kMainSwitch, "1");
     for (const char* scheme : {"INVAILD", "ACTUATORI2C", "ZOOMI2C"}) {
-        sysroot.SetProperty(std::string(kSchemePrefix) + scheme, "1");
+        sysroot.SetProperty(kSchemePrefix + scheme, "1");
     }
     ExpectInChild([&] {
         ScopedChdir chdir(sysroot.path());
@@ -103,10 +96,7 @@ TEST(ProtectionHooksTest, AFailingGroupRollsBackItsSchemeOnlyAndASchemeOffIsRemo
         EXPECT_TRUE(
             capture.Contains("protection scheme: ACTUATORI2C hook group: motion_fault failed"))
             << capture.Dump();
-        EXPECT_EQ(SampleSensor<MoveFunction>("CameraActuatorMove")(5), 0);
-        uint8_t buffer[4] = {};
-        EXPECT_EQ(SampleSensor<EepromFunction>("CameraEepromRead")(0, buffer, 4), 4);
-        EXPECT_NE(buffer[1], 0xFF);
+        EXPECT_EQ(SampleSensor<int (*)(int32_t)>("CameraActuatorMove")(5), 0);
         EXPECT_FALSE(engine->IsHookGroupReady("eeprom_fault"));
         EXPECT_FALSE(engine->IsHookGroupReady("sensor_i2c_fault"));
         // The scheme after it is installed all the same.
@@ -117,7 +107,7 @@ TEST(ProtectionHooksTest, AFailingGroupRollsBackItsSchemeOnlyAndASchemeOffIsRemo
 
     // Restarted with that scheme off: the engine re-installs the stored group at start-up, then
     // the protection model removes it; the scheme before it keeps its guard.
-    sysroot.SetProperty(std::string(kSchemePrefix) + "ZOOMI2C", "0");
+    sysroot.SetProperty(kSchemePrefix + "ZOOMI2C", "0");
     ExpectInChild([&] {
         ScopedChdir chdir(sysroot.path());
         CorvaneSystemGetInstance();

@@ -1,5 +1,5 @@
 // The protection model without hook groups. The main switch and the log threshold are fixed once
-// per process, so every scenario runs in a child process.
+// per process, so every scenario that reads them runs in a child process.
 #include "core/model/protection/protectionimpl.h"
 
 #include <gtest/gtest.h>
@@ -33,19 +33,6 @@ std::unique_ptr<ProtectionImpl, void (*)(Protection*)> NewProtection() {
     return {static_cast<ProtectionImpl*>(Protection::Create(nullptr, -1)), Protection::Destroy};
 }
 
-// The main switch and the scheme's two properties; null leaves a property unset.
-void SetSwitches(TestSysroot& sysroot, const std::string& scheme, const char* mainSwitch,
-                 const char* first, const char* second) {
-    const std::pair<std::string, const char*> properties[] = {{kMainSwitch, mainSwitch},
-                                                              {kSchemePrefix + scheme, first},
-                                                              {kSecondPrefix + scheme, second}};
-    for (const auto& [name, value] : properties) {
-        if (value != nullptr) {
-            sysroot.SetProperty(name, value);
-        }
-    }
-}
-
 TEST(ProtectionImplTest, SchemeStateAndSwitchFollowTheProperties) {
     struct Row {
         const char* mainSwitch;  // null: property unset
@@ -64,14 +51,21 @@ TEST(ProtectionImplTest, SchemeStateAndSwitchFollowTheProperties) {
         {"1", "2", "1", ProtectionScheme::OISI2C, 2, false, false, true},  // the first wins
         // With the main switch off a scheme that is on still reads false.
         {"0", "1", "1", ProtectionScheme::ACTUATORI2C, 1, false, true, false},
-        {"0", "3", nullptr, ProtectionScheme::ZOOMI2C, 3, false, true, true},
     };
     for (const Row& row : rows) {
         std::string name = GetProtectionSchemeString(row.scheme);
         SCOPED_TRACE(testing::Message() << "row " << &row - rows);
         TestSysroot sysroot;
         sysroot.SetProperty(kLogLevel, "3");
-        SetSwitches(sysroot, name, row.mainSwitch, row.first, row.second);
+        const std::pair<std::string, const char*> properties[] = {
+            {kMainSwitch, row.mainSwitch},
+            {kSchemePrefix + name, row.first},
+            {kSecondPrefix + name, row.second}};
+        for (const auto& [property, value] : properties) {
+            if (value != nullptr) {  // null leaves the property unset
+                sysroot.SetProperty(property, value);
+            }
+        }
         ExpectInChild([&] {
             auto protection = NewProtection();
             EXPECT_EQ(protection->GetSchemeState(row.scheme), row.state);
@@ -168,9 +162,7 @@ TEST(ProtectionImplTest, CallbacksAreReportedByTypeAndTheFirstRecordRemovesTheDa
         for (const auto& [type, reports] : rows) {
             SCOPED_TRACE(type);
             std::filesystem::remove(sysroot / kBigDataReportFile);
-            EXPECT_EQ(
-                protection->RecordProtectionFunctionCallback({7, -1, 0x0100, "SENSORI2C", type}),
-                0);
+            protection->RecordProtectionFunctionCallback({7, -1, 0x0100, "SENSORI2C", type});
             EXPECT_EQ(ReportSummary(sysroot / kBigDataReportFile), reports);
         }
         // A report that cannot be written is logged; the callback goes on.
@@ -187,18 +179,18 @@ TEST(ProtectionImplTest, KernelSchemeIsWrittenToTheCameraModuleThroughTheControl
     const struct {
         const char* mainSwitch;
         ProtectionScheme scheme;  // passed to ProtectionConfig, its own switch on
-        const char* before;
-        const char* after;
+        const char* after;        // the file holds "x" before
     } rows[] = {
-        {"1", ProtectionScheme::KERNELI2C, "0", "1"},
-        {"0", ProtectionScheme::KERNELI2C, "1", "0"},
-        {"1", ProtectionScheme::SENSORI2C, "0", "0"},  // other schemes: nothing
+        {"1", ProtectionScheme::KERNELI2C, "1"},
+        {"0", ProtectionScheme::KERNELI2C, "0"},
+        {"1", ProtectionScheme::SENSORI2C, "x"},  // other schemes: nothing
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::Message() << "row " << &row - rows);
         TestSysroot sysroot;
-        SetSwitches(sysroot, GetProtectionSchemeString(row.scheme), row.mainSwitch, "1", nullptr);
-        sysroot.WriteFile(kKernelFile, row.before);
+        sysroot.SetProperty(kMainSwitch, row.mainSwitch);
+        sysroot.SetProperty(kSchemePrefix + GetProtectionSchemeString(row.scheme), "1");
+        sysroot.WriteFile(kKernelFile, "x");
         ExpectInChild([&] {
             CorvaneSystem* system = CorvaneSystemGetInstance();
             LogCapture capture;
@@ -210,19 +202,17 @@ TEST(ProtectionImplTest, KernelSchemeIsWrittenToTheCameraModuleThroughTheControl
     }
     // Called directly, only 0 and 1 are written, and a missing file is not created.
     TestSysroot sysroot;
-    ExpectInChild([&] {
-        sysroot.WriteFile(kKernelFile, "0");
-        SetKernelI2CProtectionCode(2);
-        EXPECT_EQ(sysroot.ReadFile(kKernelFile), "0");
-        LogCapture capture;
-        std::filesystem::remove(sysroot / kKernelFile);
-        SetKernelI2CProtectionCode(1);
-        EXPECT_TRUE(capture.Contains(
-            "[CORVANESYS] Failed to open /sys/module/camera/parameters/cam_cci_io_protect: "
-            "errnoStr: No such file or directory"))
-            << capture.Dump();
-        EXPECT_FALSE(sysroot.Exists(kKernelFile));  // never created: it belongs to the kernel
-    });
+    sysroot.WriteFile(kKernelFile, "0");
+    SetKernelI2CProtectionCode(2);
+    EXPECT_EQ(sysroot.ReadFile(kKernelFile), "0");
+    LogCapture capture;
+    std::filesystem::remove(sysroot / kKernelFile);
+    SetKernelI2CProtectionCode(1);
+    EXPECT_TRUE(capture.Contains(
+        "[CORVANESYS] Failed to open /sys/module/camera/parameters/cam_cci_io_protect: "
+        "errnoStr: No such file or directory"))
+        << capture.Dump();
+    EXPECT_FALSE(sysroot.Exists(kKernelFile));  // never created: it belongs to the kernel
 }
 
 }  // namespace

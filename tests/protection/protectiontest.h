@@ -10,7 +10,7 @@ namespace corvanetest {
 constexpr const char* kMainSwitch =
     "persist.vendor.camera.cloud.corvanesystem.protection.mainswitch";
 // The first of a scheme's two properties: this prefix and the scheme's name.
-constexpr const char* kSchemePrefix = "persist.vendor.camera.cloud.corvanesystem.protection.";
+inline const std::string kSchemePrefix = "persist.vendor.camera.cloud.corvanesystem.protection.";
 
 constexpr const char* kBigDataReportFile = "data/vendor/camera/bigdata_reports.log";
 

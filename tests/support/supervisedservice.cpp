@@ -29,16 +29,11 @@ int CountEntries(const std::string& dir) {
     return error ? -1 : static_cast<int>(std::distance(entries, {}));
 }
 
-// The value of a "Name:\tvalue" line of /proc/<pid>/status, or empty.
+// What follows "Name:" in /proc/<pid>/status (the value, then the rest of the file), or empty.
 std::string StatusField(pid_t pid, const std::string& name) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.compare(0, name.size() + 1, name + ":") == 0) {
-            return line.substr(name.size() + 1);
-        }
-    }
-    return "";
+    std::string status = ReadTextFile("/proc/" + std::to_string(pid) + "/status");
+    size_t at = status.find("\n" + name + ":");
+    return at == std::string::npos ? "" : status.substr(at + name.size() + 2);
 }
 
 }  // namespace
@@ -87,10 +82,9 @@ ProcessFigures FiguresOf(pid_t pid) {
 }
 
 SupervisedService::SupervisedService() : m_log(m_sysroot / "camera_service.log") {
-    std::string layout = SourceDir() + "/scripts/make-sysroot.sh '" + m_sysroot.path() + "' '" +
-                         CORVANE_BUILD_DIR + "' >/dev/null";
-    if (system(layout.c_str()) != 0) {
-        ADD_FAILURE() << "could not lay out the sysroot: " << layout;
+    if (RunProgram({SourceDir() + "/scripts/make-sysroot.sh", m_sysroot.path(), CORVANE_BUILD_DIR})
+            .exitCode != 0) {
+        ADD_FAILURE() << "could not lay out the sysroot " << m_sysroot.path();
     }
 }
 
@@ -122,16 +116,16 @@ void SupervisedService::Start(bool fileOverride) {
     close(log);
 }
 
-bool SupervisedService::WaitStarted() {
-    return WaitFor([&] {
-        std::string log = Log();
-        size_t started = log.rfind("supervisor: camera service started");
-        return started != std::string::npos && log.find(kReadyLine, started) != std::string::npos;
-    });
-}
-
 bool SupervisedService::WaitAnswering() {
-    return WaitStarted() && WaitFor([&] { return Vxcdb({"corvane", "--help"}, 1).exitCode == 0; });
+    return WaitFor([&] {
+               std::string log = Log();
+               size_t started = log.rfind("supervisor: camera service started");
+               return started != std::string::npos &&
+                      log.find(kReadyLine, started) != std::string::npos;
+           }) &&
+           WaitFor([&] {
+               return Vxcdb({"corvane", "--help"}, 1).exitCode == 0;
+           });
 }
 
 bool SupervisedService::Stop() {
@@ -165,10 +159,7 @@ int SupervisedService::CountInLog(const std::string& text) const {
 pid_t SupervisedService::ServicePid() const {
     std::string log = Log();
     size_t line = log.rfind(kPidLine);
-    if (line == std::string::npos) {
-        return -1;
-    }
-    size_t pid = log.find("), pid ", line);
+    size_t pid = line == std::string::npos ? line : log.find("), pid ", line);
     return pid == std::string::npos ? -1 : static_cast<pid_t>(atoi(log.c_str() + pid + 7));
 }
 

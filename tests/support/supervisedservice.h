@@ -19,11 +19,6 @@ struct ProgramOutput {
     int exitCode = -1;  // -1 when it did not exit normally
 };
 
-// vxcdb's exit codes for a request that got a reply: 0, or 1 when the reply carries an error.
-inline bool IsAnswered(const ProgramOutput& answer) {
-    return answer.exitCode == 0 || answer.exitCode == 1;
-}
-
 // Runs a program (looked up in PATH when the name has no slash) with these words as its argv, no
 // shell involved; its output and exit code. Safe to call from many threads.
 ProgramOutput RunProgram(std::vector<std::string> words);
@@ -55,9 +50,8 @@ class SupervisedService {
     // which is not root); where they cannot be dropped the service keeps them, see
     // ServiceOverridesFilePermissions().
     void Start(bool fileOverride = false);
-    // Waits until the log holds "camera service: ready" for the latest start.
-    bool WaitStarted();
-    // Waits until the latest service started and its debug channel answers.
+    // Waits until the log holds "camera service: ready" for the latest start and the debug channel
+    // answers.
     bool WaitAnswering();
     // Stops the supervisor; true when it ended by itself with status 0 (the service had not
     // died, and stopped cleanly).

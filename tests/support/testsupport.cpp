@@ -51,7 +51,7 @@ TestSysroot::TestSysroot() {
     }
     m_oldSysroot = SwapEnv("CORVANE_SYSROOT", m_dir.path());
     m_oldPropFile = SwapEnv("CORVANE_PROP_FILE", propertyFile());
-    WriteProperties();
+    WriteFile("corvane.prop", "");
 }
 
 TestSysroot::~TestSysroot() {
@@ -67,18 +67,9 @@ void TestSysroot::InstallLibrary(const std::string& fileName, const std::string&
 
 void TestSysroot::SetProperty(const std::string& name, const std::string& value) {
     m_properties[name] = value;
-    WriteProperties();
-}
-
-void TestSysroot::ClearProperties() {
-    m_properties.clear();
-    WriteProperties();
-}
-
-void TestSysroot::WriteProperties() {
     std::string text;
-    for (const auto& [name, value] : m_properties) {
-        text += name + "=" + value + "\n";
+    for (const auto& [key, setting] : m_properties) {
+        text += key + "=" + setting + "\n";
     }
     WriteFile("corvane.prop", text);
 }
@@ -86,22 +77,6 @@ void TestSysroot::WriteProperties() {
 void TestSysroot::WriteFile(const std::string& relative, const std::string& content) {
     fs::create_directories(fs::path(m_dir / relative).parent_path());
     WriteTextFile(m_dir / relative, content);
-}
-
-std::string TestSysroot::ReadFile(const std::string& relative) const {
-    return ReadTextFile(m_dir / relative);
-}
-
-bool TestSysroot::Exists(const std::string& relative) const {
-    return fs::exists(m_dir / relative);
-}
-
-ScopedChdir::ScopedChdir(const std::string& dir) : m_old(fs::current_path().string()) {
-    fs::current_path(dir);
-}
-
-ScopedChdir::~ScopedChdir() {
-    fs::current_path(m_old);
 }
 
 namespace {
@@ -178,14 +153,8 @@ int RunTestInChild(const std::function<void()>& body) {
     });
 }
 
-bool ChildSucceeded(int status) {
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
 void ExpectInChild(const std::function<void()>& body) {
-    int status = RunTestInChild(body);
-    EXPECT_TRUE(ChildSucceeded(status))
-        << "the scenario failed in its child, wait status " << status;
+    EXPECT_TRUE(ChildSucceeded(RunTestInChild(body))) << "the scenario failed in its child";
 }
 
 void WriteTextFile(const std::string& path, const std::string& content) {

@@ -3,8 +3,10 @@
 #pragma once
 
 #include <sys/types.h>
+#include <sys/wait.h>
 
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -13,6 +15,10 @@
 #include <vector>
 
 namespace corvanetest {
+
+// Whole-file text, for files outside a TestSysroot.
+void WriteTextFile(const std::string& path, const std::string& content);
+std::string ReadTextFile(const std::string& path);
 
 // Sanitizer builds reserve terabytes of address space up front and keep freed memory in a
 // quarantine, so tests of address-space limits and of resident memory do not apply to them.
@@ -62,14 +68,16 @@ class TestSysroot {
     // name).
     void InstallLibrary(const std::string& fileName, const std::string& as = "");
     void SetProperty(const std::string& name, const std::string& value);
-    void ClearProperties();
     void WriteFile(const std::string& relative, const std::string& content);
-    std::string ReadFile(const std::string& relative) const;
-    bool Exists(const std::string& relative) const;
+    std::string ReadFile(const std::string& relative) const {
+        return ReadTextFile(m_dir / relative);
+    }
+    bool Exists(const std::string& relative) const {
+        return std::filesystem::exists(m_dir / relative);
+    }
     std::string propertyFile() const { return m_dir / "corvane.prop"; }
 
   private:
-    void WriteProperties();
     TempDir m_dir;
     std::map<std::string, std::string> m_properties;
     // The variables' values before, null for unset ones.
@@ -79,11 +87,11 @@ class TestSysroot {
 // Changes the working directory for its lifetime (the camera service runs in "/").
 class ScopedChdir {
   public:
-    explicit ScopedChdir(const std::string& dir);
-    ~ScopedChdir();
+    explicit ScopedChdir(const std::string& dir) { std::filesystem::current_path(dir); }
+    ~ScopedChdir() { std::filesystem::current_path(m_old); }
 
   private:
-    std::string m_old;
+    std::filesystem::path m_old = std::filesystem::current_path();
 };
 
 struct LogLine {
@@ -110,16 +118,14 @@ class LogCapture {
 // process (cached properties, switches decided at first use). The child exits with body()'s.
 int RunInChild(const std::function<int()>& body);
 // True when the child exited normally with code 0.
-bool ChildSucceeded(int status);
+inline bool ChildSucceeded(int status) {
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
 // Runs a body that uses EXPECT_*/ASSERT_* in a forked child, which exits 1 when an expectation
 // failed there (printing its messages). Returns the wait status.
 int RunTestInChild(const std::function<void()>& body);
 // RunTestInChild, failing the current test when the child failed.
 void ExpectInChild(const std::function<void()>& body);
-
-// Whole-file text, for files outside a TestSysroot.
-void WriteTextFile(const std::string& path, const std::string& content);
-std::string ReadTextFile(const std::string& path);
 
 // Runs `query` on the SQLite file at `path` with the sqlite3 shell (columns separated by '|',
 // its error messages included in the output), so that what the code stored is read back by a

@@ -30,7 +30,7 @@ TEST(SplitStringTest, TokenizesOnAnyDelimiterAndAppends) {
     EXPECT_THROW(SplitInt("99999999999", &numbers, ","), std::out_of_range);
 }
 
-TEST(StringFormatTest, JoinAndPadding) {
+TEST(StringFormatTest, JoinPaddingAndAffixes) {
     EXPECT_EQ(StringJoin({}, ","), "");
     EXPECT_EQ(StringJoin({"a", "", "c"}, ","), "a,,c");
     EXPECT_EQ(StringJoinUint({1, 18446744073709551615UL}, ","), "1,18446744073709551615");
@@ -38,9 +38,6 @@ TEST(StringFormatTest, JoinAndPadding) {
     EXPECT_EQ(Center("abc", 2, '-'), "abc");
     EXPECT_EQ(leftAlign("abc", 5, ' '), "abc  ");
     EXPECT_EQ(leftAlign("abcdef", -3, ' '), "abcdef");
-}
-
-TEST(AffixTest, StartsWithAndEndsWithKeepTheirQuirk) {
     EXPECT_TRUE(StartsWith("create table x", "create table "));
     EXPECT_FALSE(StartsWith("ab", "abc"));
     EXPECT_FALSE(StartsWith("CREATE", "create"));
