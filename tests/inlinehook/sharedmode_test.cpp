@@ -6,10 +6,12 @@
 #include <string>
 #include <thread>
 
+#include "platform/host/inlinehook/hookengine.h"
 #include "tests/inlinehook/inlinehooktest.h"
 
 namespace {
 
+using corvane::inlinehook::HookEngine;
 using inlinehooktest::Bytes;
 using inlinehooktest::Code;
 using inlinehooktest::Orig;
@@ -110,10 +112,15 @@ TEST_F(SharedModeTest,
         EXPECT_TRUE(address > begin && address < begin + kCallOnceMaxSize) << caller;
     }
 
-    // Removed while it runs: its call still walks on to the older ones.
+    // Removed while it runs: its call still walks on to the older ones, on a chain built of
+    // reused nodes while a later node of the same replacement, removed when it stood alone, waits.
+    ASSERT_NE(nullptr, Hook(cbrtFunction, 2));
+    ASSERT_EQ(0, shadowhook_unhook(g_stubs[2]));
+    HookEngine::Instance().SetGracePeriod(std::chrono::milliseconds(0));
     for (int n = 0; n < 3; ++n) {
         ASSERT_NE(nullptr, Hook(cbrtFunction, n));
     }
+    HookEngine::Instance().SetGracePeriod(HookEngine::kDefaultGracePeriod);
     g_removeNewestWhileRunning = true;
     t_trace.clear();
     EXPECT_EQ(original + 111, cbrtFunction(125.0));

@@ -60,19 +60,26 @@ Hub::Hub(uintptr_t orig) : m_orig(orig) {
 
 void Hub::Add(uintptr_t proxy, std::chrono::milliseconds gracePeriod) {
     Node* node = nullptr;
-    if (!m_retired.empty() &&
-        std::chrono::steady_clock::now() - m_retired.front()->retiredAt >= gracePeriod) {
+    const bool reuse =
+        !m_retired.empty() &&
+        std::chrono::steady_clock::now() - m_retired.front()->retiredAt >= gracePeriod;
+    if (reuse) {
         node = m_retired.front();
         m_retired.pop_front();
+        node->removal.store(0, std::memory_order_release);  // no longer a removed node
     } else {
         node = new Node();
-        node->allNext = m_allNodes.load(std::memory_order_relaxed);
-        m_allNodes.store(node, std::memory_order_release);
-        ++m_nodesAllocated;
     }
     node->proxy.store(proxy, std::memory_order_relaxed);
     node->next.store(m_head.load(std::memory_order_relaxed), std::memory_order_relaxed);
     node->enabled.store(true, std::memory_order_relaxed);
+    if (!reuse) {
+        // Published whole: a thread searching every node for a removed replacement must never
+        // meet one whose replacement is set and whose way on is not yet.
+        node->allNext = m_allNodes.load(std::memory_order_relaxed);
+        m_allNodes.store(node, std::memory_order_release);
+        ++m_nodesAllocated;
+    }
     m_head.store(node, std::memory_order_release);
 }
 
@@ -81,7 +88,10 @@ bool Hub::Remove(uintptr_t proxy) {
     for (Node* node = m_head.load(std::memory_order_relaxed); node != nullptr;
          node = node->next.load(std::memory_order_relaxed)) {
         if (node->proxy.load(std::memory_order_relaxed) == proxy) {
-            // Disabled first: a thread already standing in front of it skips it from now on.
+            // Marked removed before anything else: a thread inside it that no longer finds it in
+            // the chain must find it among the removed nodes.
+            node->removal.store(++m_removals, std::memory_order_release);
+            // Disabled next: a thread already standing in front of it skips it from now on.
             node->enabled.store(false, std::memory_order_release);
             link->store(node->next.load(std::memory_order_relaxed), std::memory_order_release);
             node->retiredAt = std::chrono::steady_clock::now();
@@ -129,16 +139,25 @@ inline bool Hub::NextLive(uintptr_t proxy, uintptr_t* next) const {
 }
 
 bool Hub::NextRemoved(uintptr_t proxy, uintptr_t* next) const {
-    // Removed while it ran: its node still leads on to what was older than it.
+    // Removed while it ran: its node still leads on to what was older than it. A replacement
+    // added and removed again leaves a node each time, whose chains may be long gone; the thread
+    // stands on the one removed last, so that one decides.
+    const Node* latest = nullptr;
+    uint64_t latestRemoval = 0;  // nodes never removed are live, found by NextLive
     for (const Node* node = m_allNodes.load(std::memory_order_acquire); node != nullptr;
          node = node->allNext) {
-        if (node->proxy.load(std::memory_order_relaxed) == proxy) {
-            uintptr_t older = FirstEnabledFrom(node->next.load(std::memory_order_acquire));
-            *next = older != 0 ? older : m_orig;
-            return true;
+        uint64_t removal = node->removal.load(std::memory_order_acquire);
+        if (removal > latestRemoval && node->proxy.load(std::memory_order_relaxed) == proxy) {
+            latest = node;
+            latestRemoval = removal;
         }
     }
-    return false;
+    if (latest == nullptr) {
+        return false;
+    }
+    uintptr_t older = FirstEnabledFrom(latest->next.load(std::memory_order_acquire));
+    *next = older != 0 ? older : m_orig;
+    return true;
 }
 
 bool Hub::FindNext(uintptr_t proxy, uintptr_t* next) {

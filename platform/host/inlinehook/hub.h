@@ -63,6 +63,7 @@ class Hub {
         std::atomic<Node*> next{nullptr};  // the next older replacement when it was linked
         Node* allNext = nullptr;           // every node of this hub, set before publication
         std::chrono::steady_clock::time_point retiredAt;
+        std::atomic<uint64_t> removal{0};  // when it was last removed, counted per hub
     };
     // The first replacement still in the chain from `node` on, or 0.
     __attribute__((always_inline)) uintptr_t FirstEnabledFrom(const Node* node) const;
@@ -72,6 +73,7 @@ class Hub {
     std::atomic<Node*> m_allNodes{nullptr};
     std::deque<Node*> m_retired;  // engine mutex held; oldest first
     size_t m_nodesAllocated = 0;
+    uint64_t m_removals = 0;   // engine mutex held
     Hub* m_nextHub = nullptr;  // every hub ever made, newest first; set before publication
 };
 
