@@ -79,11 +79,7 @@ class Hub {
 
 // The code a site's entry relay jumps to in shared mode: loads `hub` into a scratch register and
 // enters HubEntry. kHubStubSize bytes, written into an island by the engine.
-#if defined(__aarch64__)
 constexpr size_t kHubStubSize = 32;
-#else
-constexpr size_t kHubStubSize = 32;
-#endif
 void EncodeHubStub(const Hub* hub, uint8_t* code);
 
 }  // namespace corvane::inlinehook

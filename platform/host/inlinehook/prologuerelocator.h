@@ -29,6 +29,12 @@ struct CodeBounds {
     // (a bounded window after the address, cut at the next symbol); 0 for no search.
     uintptr_t scanEnd = 0;
     bool functionKnown() const { return functionEnd > functionStart; }
+    // The code searched for branches back into bytes displaced at `address`: the whole function
+    // when its extent is known, else up to scanEnd (empty when scanEnd is 0).
+    uintptr_t scanStart(uintptr_t address) const {
+        return functionKnown() ? functionStart : address;
+    }
+    uintptr_t scanStop() const { return functionKnown() ? functionEnd : scanEnd; }
 };
 
 // One displaced instruction and how it has to be rewritten.

@@ -268,11 +268,7 @@ HookStatus PrologueRelocator::Analyze(uintptr_t address, const CodeBounds& bound
         return Refuse(Format("literal load into xzr at +%zu", m_patchOffset));
     }
     m_instructions.push_back(displaced);
-    if (bounds.functionKnown()) {
-        return ScanFunction(bounds.functionStart, bounds.functionEnd);
-    }
-    return bounds.scanEnd > address + m_length ? ScanFunction(address, bounds.scanEnd)
-                                               : HookStatus::Ok();
+    return ScanFunction(bounds.scanStart(address), bounds.scanStop());
 }
 
 HookStatus PrologueRelocator::ScanFunction(uintptr_t first, uintptr_t end) const {

@@ -322,11 +322,7 @@ HookStatus PrologueRelocator::Analyze(uintptr_t address, const CodeBounds& bound
                        displaced.offset, static_cast<size_t>(displaced.target - address)));
         }
     }
-    if (bounds.functionKnown()) {
-        return ScanFunction(bounds.functionStart, bounds.functionEnd);
-    }
-    return bounds.scanEnd > address + m_length ? ScanFunction(address, bounds.scanEnd)
-                                               : HookStatus::Ok();
+    return ScanFunction(bounds.scanStart(address), bounds.scanStop());
 }
 
 HookStatus PrologueRelocator::ScanFunction(uintptr_t start, uintptr_t end) const {
